@@ -1,0 +1,304 @@
+// Operations tied to the host system. The only code that differs between
+// macOS and Linux is how a process's start time is read.
+
+#include "macCommands.h"
+
+#include "ZQIMHelper.h"
+#include "portableCommands.h"
+
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <filesystem>
+#include <iostream>
+#include <sstream>
+
+#ifdef __APPLE__
+#include <sys/sysctl.h>
+#else
+#include <fstream>
+#include <iterator>
+#include <limits>
+#endif
+
+namespace fs = std::filesystem;
+
+// ------------------------------------------------------------ process liveness
+
+std::map<unsigned long long, std::string> handles;
+
+#ifdef __APPLE__
+
+std::string ReadProcessStartTime(unsigned long pid) {
+    struct kinfo_proc info;
+    std::memset(&info, 0, sizeof info);
+    size_t size = sizeof info;
+    int name[4] = {CTL_KERN, KERN_PROC, KERN_PROC_PID, static_cast<int>(pid)};
+    // A PID without a process still succeeds but fills nothing: a zero
+    // start time means "no such process".
+    if (sysctl(name, 4, &info, &size, nullptr, 0) != 0 || info.kp_proc.p_starttime.tv_sec == 0)
+        return "";
+    std::ostringstream text;
+    text << info.kp_proc.p_starttime.tv_usec << "-" << info.kp_proc.p_starttime.tv_sec;
+    return text.str();
+}
+
+#else
+
+// Seconds since the epoch at which the kernel booted ("btime" of /proc/stat).
+static long long BootTime() {
+    std::ifstream stat("/proc/stat");
+    std::string key;
+    long long value = 0;
+    while (stat >> key) {
+        if (key == "btime" && stat >> value)
+            return value;
+        stat.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
+    }
+    return 0;
+}
+
+std::string ReadProcessStartTime(unsigned long pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    const std::string record((std::istreambuf_iterator<char>(stat)),
+                             std::istreambuf_iterator<char>());
+    // The command name (field 2) may hold blanks and parentheses; the fields
+    // after its closing parenthesis start with field 3, the state. The start
+    // time, in clock ticks since boot, is field 22.
+    const std::size_t close = record.rfind(')');
+    if (close == std::string::npos)
+        return "";
+    std::istringstream fields(record.substr(close + 1));
+    std::string field;
+    for (int i = 3; i <= 22 && fields >> field; ++i) {
+    }
+    if (!fields)
+        return "";
+    static const long long bootTime = BootTime();
+    static const long long ticksPerSecond = sysconf(_SC_CLK_TCK);
+    const unsigned long long ticks = std::strtoull(field.c_str(), nullptr, 10);
+    const long long seconds = bootTime + static_cast<long long>(ticks / ticksPerSecond);
+    const long long micros =
+        static_cast<long long>(ticks % ticksPerSecond) * (1000000 / ticksPerSecond);
+    if (seconds == 0)
+        return "";
+    return std::to_string(micros) + "-" + std::to_string(seconds);
+}
+
+#endif
+
+bool RecordProcessStartTime(unsigned long pid, const std::string& startTime) {
+    if (startTime.empty()) {
+        handles.erase(pid);
+        return false;
+    }
+    auto known = handles.find(pid);
+    if (known == handles.end()) {
+        handles[pid] = startTime;
+        return true;
+    }
+    if (known->second == startTime)
+        return true;
+    // Same number, different start time: the PID was reused by a new process.
+    std::cout << "PID Conflict PID:" << pid << " org_time:" << known->second
+              << " new_time:" << startTime << std::endl;
+    handles.erase(known);
+    return false;
+}
+
+bool isProcessAlive(unsigned long pid) {
+    return RecordProcessStartTime(pid, ReadProcessStartTime(pid));
+}
+
+bool CheckPID(unsigned long pid) {
+    return pid == 0 || isProcessAlive(pid);
+}
+
+// ------------------------------------------------------------ symbolic links
+
+int DoCmdSymlink(std::string existingFile, std::string resultingLinkFile) {
+    const std::string linkPath = gRoot + "/" + resultingLinkFile;
+    ZQIMLog("DoCmdSymlink() - Create Symlink existingFile:\n" + existingFile +
+            "\n... resultingLinkFile ...\n" + linkPath);
+
+    int result = 0;
+    if (symlink(existingFile.c_str(), linkPath.c_str()) == 0)
+        return 0;
+    int error = errno;
+
+    if (error == EEXIST) {
+        ZQIMLog("DoCmdSymlink() - Symlink already existed. Attempting to delete it.");
+        std::error_code ec;
+        const bool removed = fs::remove(linkPath, ec);
+        error = errno;
+        if (ec) {
+            std::ostringstream msg;
+            msg << "DoCmdSymlink() - error deleting existing file: " << ec.category().name()
+                << ":" << ec.value();
+            ZQIMLog(msg.str());
+            result = 2004;
+            gErrors.insert(2004);
+        }
+        if (!removed)
+            ZQIMLog("DoDelFile() - File did not exist. Continuing.");
+        if (result == 0) {
+            ZQIMLog("DoCmdSymlink() - Attempting retry after deleting existing file.");
+            if (symlink(existingFile.c_str(), linkPath.c_str()) == 0) {
+                ZQIMLog("DoCmdSymlink() - Retry attempt succeeded.");
+                return 0;
+            }
+            error = errno;
+        }
+    }
+
+    // Raw errno values, as the system reported them for the last attempt.
+    if (error == EACCES) {
+        ZQIMLog("DoCmdSymlink() - Error - Permission denied.");
+        result = 2002;
+    } else if (error == EEXIST) {
+        ZQIMLog("DoCmdSymlink() - Error - Symlink already existed.");
+        result = 4;
+    } else if (error == ENOSPC) {
+        ZQIMLog("DoCmdSymlink() - No space on device.");
+        result = 2001;
+    } else {
+        ZQIMLog("DoCmdSymlink() - Error - Unknown.");
+        result = 2000;
+    }
+    if (result >= 2000)
+        gErrors.insert(result);
+    return result;
+}
+
+// ------------------------------------------------------------ ownership repair
+
+static std::string ChownOutcome(int returned, int error) {
+    std::ostringstream text;
+    text << returned << ", errno=" << error << " (" << std::strerror(error) << ")";
+    return text.str();
+}
+
+int DoFixPerms(std::string uid, std::string gid, std::string path, bool recursive,
+               bool /*fullAccess: ownership only, permission bits are never touched*/) {
+    const uid_t user = static_cast<uint32_t>(std::strtoul(uid.c_str(), nullptr, 10));
+    const gid_t group = static_cast<uint32_t>(std::strtoul(gid.c_str(), nullptr, 10));
+    {
+        std::ostringstream msg;
+        msg << "DoFixPerms(uid=" << user << ",gid=" << group << ", recursive=" << recursive
+            << ") - Fixing permissions for: " << path;
+        ZQIMLog(msg.str());
+    }
+
+    if (!recursive) {
+        const int returned = lchown(path.c_str(), user, group);
+        const int error = errno;
+        std::ostringstream msg;
+        msg << "DoFixPerms(single, uid=" << user << ",gid=" << group << ") - chown done ("
+            << ChownOutcome(returned, error) << ") on: " << path;
+        ZQIMLog(msg.str());
+        return 0;
+    }
+
+    int files = 0, dirs = 0, errors = 0;
+    std::deque<fs::path> pending{fs::path(path)};
+    while (!pending.empty()) {
+        const fs::path dir = pending.back();
+        pending.pop_back();
+
+        std::error_code openEc;
+        fs::directory_iterator it(dir, openEc);
+        // The throwing advance is deliberate: a listing that fails midway
+        // ends the process rather than leaving ownership half-repaired
+        // behind a summary that claims the walk completed.
+        for (; it != fs::directory_iterator(); ++it) {
+            const fs::directory_entry& entry = *it;
+            std::error_code ec;
+            if (entry.is_symlink(ec)) {
+                ++files;
+            } else if (entry.is_directory(ec)) {
+                pending.push_back(entry.path());
+                ++dirs;
+            } else if (!ec) {
+                ++files;
+            } else {
+                ZQIMLog("DoFixPerms(recursive): Error checking for symlink or dir for: " +
+                        entry.path().string());
+            }
+
+            const int returned = lchown(entry.path().c_str(), user, group);
+            if (returned != 0) {
+                const int error = errno;
+                std::ostringstream msg;
+                msg << "DoFixPerms(recursive, uid=" << user << ",gid=" << group
+                    << ") - chown error (" << ChownOutcome(returned, error)
+                    << ") on: " << entry.path().string();
+                ZQIMLog(msg.str());
+                ++errors;
+            }
+        }
+        if (openEc) {
+            std::ostringstream msg;
+            msg << "DoFixPerms(uid=" << user << ",gid=" << group
+                << ") - error on directory: " << dir.string() << ": " << PrintErrorCode(openEc);
+            ZQIMLog(msg.str());
+            return 1;
+        }
+    }
+
+    std::ostringstream msg;
+    msg << "DoFixPerms(recursive, uid=" << user << ",gid=" << group << ") - chown done on "
+        << files << " files and " << dirs << " dirs with " << errors << " errors.";
+    ZQIMLog(msg.str());
+    return 0;
+}
+
+// ------------------------------------------------------------ preferences
+
+// Preferences of the logged-in user must be written as that user, or they
+// would land in root's domain. The backslash hands the number sign through
+// the shell, so that sudo reads the id as numeric.
+static std::string RunAsPrefix(const std::string& location, const std::string& uid) {
+    return location == "user" ? "sudo -u \\#" + uid + " " : "";
+}
+
+static int RunPlistCommand(const std::string& command) {
+    std::cout.flush();
+    return std::system(command.c_str());
+}
+
+int DoSetPlist(std::string location, std::string path, std::string valueName,
+               std::string valueType, std::string value, std::string uid) {
+    const std::string typeFlag = valueType == "array" ? "-array " : "";
+    const std::string command = RunAsPrefix(location, uid) + "defaults write " + path + " \"" +
+                                valueName + "\" " + typeFlag + "\"" + value + "\"";
+    ZQIMLog("DoSetPlist(location=" + location + ",path=" + path + ",valueName=" + valueName +
+            ",valueType=" + valueType + ",value=" + value + ",uid=" + uid +
+            ") - command is: " + command);
+    const int status = RunPlistCommand(command);
+    ZQIMLog("DoSetPlist: Result was " + std::to_string(status));
+    return 0;
+}
+
+int DoDelPlist(std::string location, std::string path, std::string uid) {
+    const std::string command = RunAsPrefix(location, uid) + "defaults delete " + path;
+    ZQIMLog("DoDelPlist(location=" + location + ",path=" + path + ",uid=" + uid +
+            ") - command is: " + command);
+    const int status = RunPlistCommand(command);
+    ZQIMLog("DoDelPlist: Result was " + std::to_string(status));
+    return 0;
+}
+
+// ------------------------------------------------ the other platform's commands
+
+// Registry keys and shortcuts only mean something to the other platform's
+// installer; here they are accepted and do nothing.
+int DoSetRegKey(std::string, std::string, std::string, std::string, std::string) { return 0; }
+int DoDelRegKey(std::string, std::string) { return 0; }
+int DoCreateShortcut(std::string, std::string, std::string, std::string, std::string) {
+    return 0;
+}
+int DoRemoveShortcuts(std::string, std::string, std::string) { return 0; }

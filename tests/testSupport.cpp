@@ -1,0 +1,216 @@
+#include "testSupport.h"
+
+#include "ZQIMHelper.h"
+#include "macCommands.h"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+namespace zqimtest {
+
+TempDir::TempDir(const fs::path& base) {
+    std::string pattern = (base / "zqim-test-XXXXXX").string();
+    if (!mkdtemp(pattern.data()))
+        throw std::runtime_error("mkdtemp failed under " + base.string());
+    dir = pattern;
+}
+
+TempDir::~TempDir() {
+    std::error_code ec;
+    fs::remove_all(dir, ec);
+}
+
+std::string ReadFile(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+void WriteFile(const fs::path& path, const std::string& content) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+// A log line is "YYYY-MM-DDTHH:MM:SSZ: message"; messages may span lines, so
+// a line without a stamp continues the message before it.
+std::vector<std::string> LogMessages(const std::string& logText) {
+    std::vector<std::string> messages;
+    std::istringstream in(logText);
+    std::string line;
+    while (std::getline(in, line)) {
+        const bool stamped = line.size() >= 22 && line[4] == '-' && line[10] == 'T' &&
+                             line[19] == 'Z' && line.compare(20, 2, ": ") == 0;
+        if (stamped)
+            messages.push_back(line.substr(22));
+        else if (!messages.empty())
+            messages.back() += "\n" + line;
+    }
+    return messages;
+}
+
+void ResetRunState() {
+    gVerbose = false;
+    gPID = 0;
+    gProgressFilepath.clear();
+    gPrevProgress = -1;
+    gErrors.clear();
+    gRoot.clear();
+    gRootIsCrossDevice = false;
+    gUserID = "0";
+    gGroupID = "0";
+    gPermsFullAccess = false;
+    gMovedFiles.clear();
+    for (std::string* s : {&gPlistLocation, &gPlistPath, &gPlistValueName, &gPlistValueType,
+                           &gPlistValueData, &gRegHive, &gRegPath, &gRegValueName,
+                           &gRegValueType, &gRegValueData, &gShortcutGroup, &gShortcutTarget,
+                           &gShortcutName, &gShortcutDescription, &gShortcutLocation})
+        s->clear();
+    handles.clear();
+}
+
+LogCapture::LogCapture() : file(dir / "log.txt") {
+    ResetRunState();
+    if (gLogStream.is_open())
+        gLogStream.close();
+    gLogStream.clear();
+    gLogStream.open(file, std::ios::out | std::ios::trunc);
+}
+
+LogCapture::~LogCapture() {
+    gLogStream.close();
+    gLogStream.clear();
+}
+
+std::string LogCapture::text() const { return ReadFile(file); }
+
+std::vector<std::string> LogCapture::messages() const { return LogMessages(text()); }
+
+int LogCapture::indexOf(const std::string& message) const {
+    const auto all = messages();
+    for (std::size_t i = 0; i < all.size(); ++i)
+        if (all[i] == message)
+            return static_cast<int>(i);
+    return -1;
+}
+
+bool LogCapture::has(const std::string& message) const { return indexOf(message) >= 0; }
+
+const char* HelperBinary() {
+    if (const char* overridden = std::getenv("ZQIM_HELPER"))
+        return overridden;
+    return ZQIM_HELPER_BINARY;
+}
+
+bool IsRoot() { return geteuid() == 0; }
+
+HelperProcess::HelperProcess(const std::vector<std::string>& args, bool asNobody) {
+    const std::string outPath = (outDir.path() / "stdout.txt").string();
+    std::vector<std::string> argv{HelperBinary()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    if (asNobody)
+        fs::permissions(outDir.path(), fs::perms::all, fs::perm_options::add);
+    child = fork();
+    if (child == 0) {
+        int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
+        dup2(out, 1);
+        dup2(out, 2);
+        if (asNobody) {
+            struct passwd* nobody = getpwnam("nobody");
+            if (!nobody || setgid(nobody->pw_gid) != 0 || setuid(nobody->pw_uid) != 0)
+                _exit(127);
+        }
+        std::vector<char*> raw;
+        for (std::string& a : argv)
+            raw.push_back(a.data());
+        raw.push_back(nullptr);
+        execv(raw[0], raw.data());
+        _exit(127);
+    }
+}
+
+HelperProcess::~HelperProcess() {
+    if (!ended)
+        kill();
+}
+
+bool HelperProcess::wait(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!ended) {
+        if (waitpid(child, &status, WNOHANG) == child) {
+            ended = true;
+            break;
+        }
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+bool HelperProcess::exitedNormally() const { return ended && WIFEXITED(status); }
+
+int HelperProcess::exitCode() const { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
+
+std::string HelperProcess::output() const { return ReadFile(outDir.path() / "stdout.txt"); }
+
+void HelperProcess::kill() {
+    if (ended || child <= 0)
+        return;
+    ::kill(child, SIGKILL);
+    waitpid(child, &status, 0);
+    ended = true;
+}
+
+fs::path Frontend::file(int number, const std::string& extension) const {
+    return comm / ("ZQCmd" + std::to_string(number) + extension);
+}
+
+void Frontend::send(int number, const std::string& lines) const {
+    WriteFile(file(number, ".txt"), lines);
+    WriteFile(file(number, ".zqsig"), "");
+}
+
+bool Frontend::waitFinished(int number, std::chrono::milliseconds timeout) const {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (fs::exists(file(number, ".zqfin")))
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+}
+
+std::string Frontend::logText() const { return ReadFile(comm / "ZQIMLog.txt"); }
+
+std::vector<std::string> Frontend::log() const { return LogMessages(logText()); }
+
+ScratchMount::ScratchMount(std::size_t bytes, bool readOnly) {
+    if (!IsRoot())
+        return;
+    const std::string options = "size=" + std::to_string(bytes);
+    mounted = mount("tmpfs", dir.path().c_str(), "tmpfs", readOnly ? MS_RDONLY : 0,
+                    options.c_str()) == 0;
+}
+
+bool ScratchMount::remountReadOnly() {
+    return mounted && mount("tmpfs", dir.path().c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY,
+                            nullptr) == 0;
+}
+
+ScratchMount::~ScratchMount() {
+    if (mounted)
+        umount2(dir.path().c_str(), MNT_DETACH);
+}
+
+}  // namespace zqimtest

@@ -1,0 +1,111 @@
+// Shared test fixtures: scratch trees, a captured log, the real helper binary
+// driven as a front-end drives it, and privileged mounts for fault injection.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace zqimtest {
+
+namespace fs = std::filesystem;
+
+// A fresh directory under `base`, removed with everything in it at the end.
+class TempDir {
+public:
+    explicit TempDir(const fs::path& base = fs::temp_directory_path());
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const fs::path& path() const { return dir; }
+    fs::path operator/(const std::string& name) const { return dir / name; }
+
+private:
+    fs::path dir;
+};
+
+std::string ReadFile(const fs::path& path);
+void WriteFile(const fs::path& path, const std::string& content);
+
+// Log messages without their time stamps.
+std::vector<std::string> LogMessages(const std::string& logText);
+
+// Points the helper's log at a scratch file and resets the whole run state,
+// so that each unit test starts as a freshly started helper.
+class LogCapture {
+public:
+    LogCapture();
+    ~LogCapture();
+    std::vector<std::string> messages() const;
+    // True when some message equals `message` exactly.
+    bool has(const std::string& message) const;
+    // Index of the first message equal to `message`, or -1.
+    int indexOf(const std::string& message) const;
+    std::string text() const;
+
+private:
+    TempDir dir;
+    fs::path file;
+};
+
+void ResetRunState();
+
+// The real helper binary, started with `args`; its standard output is kept.
+class HelperProcess {
+public:
+    explicit HelperProcess(const std::vector<std::string>& args, bool asNobody = false);
+    ~HelperProcess();
+    // Waits for the process to end; returns false on time-out.
+    bool wait(std::chrono::milliseconds timeout);
+    int exitStatus() const { return status; }  // raw wait status
+    bool exitedNormally() const;
+    int exitCode() const;
+    std::string output() const;
+    pid_t pid() const { return child; }
+    void kill();
+
+private:
+    pid_t child = -1;
+    int status = -1;
+    bool ended = false;
+    TempDir outDir;
+};
+
+// Plays the front-end's side of the file exchange on a communication dir.
+class Frontend {
+public:
+    explicit Frontend(const fs::path& commDir) : comm(commDir) {}
+    // Writes command file N completely, then its signal file.
+    void send(int number, const std::string& lines) const;
+    // Waits for the finished file of N; false on time-out.
+    bool waitFinished(int number, std::chrono::milliseconds timeout) const;
+    fs::path file(int number, const std::string& extension) const;
+    std::vector<std::string> log() const;
+    std::string logText() const;
+
+private:
+    fs::path comm;
+};
+
+// A tmpfs of `bytes` mounted on a fresh directory, unmounted at the end;
+// `readOnly` mounts it read-only. `ok()` is false without the privilege.
+class ScratchMount {
+public:
+    explicit ScratchMount(std::size_t bytes, bool readOnly = false);
+    ~ScratchMount();
+    bool ok() const { return mounted; }
+    const fs::path& path() const { return dir.path(); }
+    bool remountReadOnly();
+
+private:
+    TempDir dir;
+    bool mounted = false;
+};
+
+bool IsRoot();
+const char* HelperBinary();
+
+}  // namespace zqimtest
