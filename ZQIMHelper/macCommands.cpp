@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -34,6 +35,10 @@ std::map<unsigned long long, std::string> handles;
 #ifdef __APPLE__
 
 std::string ReadProcessStartTime(unsigned long pid) {
+    // The kernel takes an int: a larger number is no process, not an alias
+    // of the small one its low bits happen to spell.
+    if (pid > static_cast<unsigned long>(INT_MAX))
+        return "";
     struct kinfo_proc info;
     std::memset(&info, 0, sizeof info);
     size_t size = sizeof info;
