@@ -75,6 +75,15 @@ int DoCmdCopy(std::string source, std::string destination, std::string root, boo
     return ZQIMMoveOrCopyFile(fs::path(source), rootPath / destination, move, movedFiles);
 }
 
+// Some standard libraries report a file copy cut short by a full disk as an
+// I/O error, without retrying the write that would have said ENOSPC. When the
+// destination's file system has no room left, that is what happened.
+static bool NoRoomLeft(const fs::path& destination) {
+    std::error_code ec;
+    const fs::space_info space = fs::space(destination.parent_path(), ec);
+    return !ec && space.available == 0;
+}
+
 // `hopsLeft` bounds the walk through the moved-files map: a chain longer than
 // the map can only be a cycle (a moved file brought back and then deleted),
 // which would otherwise recurse until the stack runs out.
@@ -89,6 +98,9 @@ static int MoveOrCopy(const fs::path& source, const fs::path& destination, bool 
                  fs::copy_options::overwrite_existing | fs::copy_options::recursive |
                      fs::copy_options::copy_symlinks,
                  error);
+
+    if (error == std::errc::io_error && NoRoomLeft(destination))
+        error = std::make_error_code(std::errc::no_space_on_device);
 
     if (!error) {
         if (doMove)
