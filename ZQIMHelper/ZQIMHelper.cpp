@@ -454,6 +454,12 @@ int ServiceCommand(std::string line, std::string& prevCommand, std::string& prev
     trim(line);
     if (line.empty() || line[0] == '#')
         return 0;
+    // No system call sees a path past a NUL byte, so such a value would name
+    // another path than it says (`fixPermsR /x<NUL>y` walks /x for ever).
+    if (line.find('\0') != std::string::npos) {
+        LogUnknown(line);
+        return 0;
+    }
 
     if (StartsWith(line, "copySrc")) {
         prevCommand = "copySrc";

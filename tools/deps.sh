@@ -7,6 +7,8 @@ command -v cmake >/dev/null || need+=(cmake)
 command -v g++ >/dev/null || need+=(g++)
 command -v make >/dev/null || need+=(make)
 command -v clang++ >/dev/null || need+=(clang)
+# Turns the sanitizers' addresses into file and line in their reports.
+command -v llvm-symbolizer >/dev/null || need+=(llvm)
 [ -f /usr/include/gtest/gtest.h ] || need+=(libgtest-dev)
 ls /usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.fuzzer-x86_64.a >/dev/null 2>&1 || need+=(libclang-rt-dev)
 
