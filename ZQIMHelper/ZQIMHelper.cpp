@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <iostream>
 #include <sstream>
+#include <string_view>
 
 namespace fs = std::filesystem;
 
@@ -151,14 +152,18 @@ static std::string CommandFileName(int command, const char* extension) {
     return "ZQCmd" + std::to_string(command) + extension;
 }
 
-int GetCommandNumberFromCommandFilepath(const std::string& path) {
-    const std::string name = fs::path(path).filename().string();
-    const std::string prefix = "ZQCmd";
+// The command number in a file name ("ZQCmd" N, up to the first dot), or -1.
+static int CommandNumberOfFileName(std::string_view name) {
+    const std::string_view prefix = "ZQCmd";
     if (name.compare(0, prefix.size(), prefix) != 0)
         return -1;
-    const std::string digits = name.substr(prefix.size(), name.find('.') - prefix.size());
+    const std::string digits(name.substr(prefix.size(), name.find('.') - prefix.size()));
     const int number = std::atoi(digits.c_str());
     return number > 0 ? number : -1;
+}
+
+int GetCommandNumberFromCommandFilepath(const std::string& path) {
+    return CommandNumberOfFileName(fs::path(path).filename().native());
 }
 
 std::string GetNextCommand(int lastCommand, const std::string& commDir) {
@@ -167,16 +172,24 @@ std::string GetNextCommand(int lastCommand, const std::string& commDir) {
     if (ec)
         return "";
 
+    // An idle helper runs this once a second over a directory that only
+    // grows (nothing is ever deleted), so each entry is judged on its path
+    // text, without building further path objects.
     int best = INT_MAX;
     fs::path chosen;
     for (; it != fs::directory_iterator(); it.increment(ec)) {
-        const fs::path& entry = it->path();
-        if (entry.extension() != ".txt")
+        const std::string& text = it->path().native();
+        const std::size_t slash = text.rfind('/');
+        const std::string_view name =
+            std::string_view(text).substr(slash == std::string::npos ? 0 : slash + 1);
+        // The extension is ".txt" exactly when the name is longer than that
+        // and ends with it (a bare ".txt" is a hidden file without one).
+        if (name.size() <= 4 || name.compare(name.size() - 4, 4, ".txt") != 0)
             continue;
-        const int number = GetCommandNumberFromCommandFilepath(entry.string());
+        const int number = CommandNumberOfFileName(name);
         if (number >= 0 && number > lastCommand && number < best) {
             best = number;
-            chosen = entry;
+            chosen = it->path();
         }
     }
     if (chosen.empty())

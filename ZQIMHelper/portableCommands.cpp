@@ -227,8 +227,8 @@ int DoDelFile(std::string root, std::string file) {
 
 // ---------------------------------------------------------- deleting folders
 
-void FindFilesAndFolders(fs::path dir, std::vector<fs::path>& files,
-                         std::vector<fs::path>& folders) {
+void FindFilesAndFolders(fs::path dir, std::vector<std::string>& files,
+                         std::vector<std::string>& folders) {
     std::error_code ec;
     fs::directory_iterator it(dir, ec);
     if (ec) {
@@ -240,20 +240,23 @@ void FindFilesAndFolders(fs::path dir, std::vector<fs::path>& files,
         ZQIMLog(msg.str());
         return;
     }
-    folders.push_back(dir);
+    // The lists keep the path text only: a path object also keeps its parsed
+    // components, several times the size of the text, and a tree of 100,000
+    // entries would hold them all until the deletion starts.
+    folders.push_back(dir.native());
 
     for (; it != fs::directory_iterator();) {
         const fs::directory_entry& entry = *it;
         std::error_code typeEc;
         if (entry.is_symlink(typeEc)) {
-            files.push_back(entry.path());
+            files.push_back(entry.path().native());
         } else if (entry.is_directory(typeEc)) {
             // Listed here and again by the recursive call: the double entry
             // shows in the counts and costs one silent second removal.
-            folders.push_back(entry.path());
+            folders.push_back(entry.path().native());
             FindFilesAndFolders(entry.path(), files, folders);
         } else {
-            files.push_back(entry.path());
+            files.push_back(entry.path().native());
         }
 
         std::error_code advanceEc;
@@ -289,17 +292,17 @@ std::error_code DeleteWithRetry(fs::path p) {
     return ec;
 }
 
-static void SortLongestFirst(std::vector<fs::path>& paths) {
-    std::sort(paths.begin(), paths.end(), [](const fs::path& a, const fs::path& b) {
-        return a.native().size() > b.native().size();
+static void SortLongestFirst(std::vector<std::string>& paths) {
+    std::sort(paths.begin(), paths.end(), [](const std::string& a, const std::string& b) {
+        return a.size() > b.size();
     });
 }
 
 int DoDelFolder(std::string folder) {
     ZQIMLog("DoDelFolder() - Deleting folder:" + folder);
-    std::vector<fs::path> files;
-    std::vector<fs::path> folders;
-    std::vector<fs::path> failed;
+    std::vector<std::string> files;
+    std::vector<std::string> folders;
+    std::vector<std::string> failed;
     FindFilesAndFolders(fs::path(folder), files, folders);
 
     // Longer paths are deeper: contents go before the folders holding them.
@@ -312,18 +315,19 @@ int DoDelFolder(std::string folder) {
         ZQIMLog(msg.str());
     }
 
-    for (const fs::path& file : files) {
-        const std::error_code ec = DeleteWithRetry(file);
+    for (const std::string& file : files) {
+        const std::error_code ec = DeleteWithRetry(fs::path(file));
         if (ec) {
             failed.push_back(file);
             ZQIMLog("DoDelFolder(" + folder + ") - error deleting file: " + PrintErrorCode(ec));
         }
     }
-    for (const fs::path& dir : folders) {
+    for (const std::string& dir : folders) {
+        const fs::path dirPath(dir);
         std::ostringstream msg;
-        msg << "DoDelFolder(" << folder << ") - deleting folder: " << dir;
+        msg << "DoDelFolder(" << folder << ") - deleting folder: " << dirPath;
         ZQIMLog(msg.str());
-        const std::error_code ec = DeleteWithRetry(dir);
+        const std::error_code ec = DeleteWithRetry(dirPath);
         if (ec) {
             failed.push_back(dir);
             ZQIMLog("DoDelFolder(" + folder + ") - error deleting folder: " + PrintErrorCode(ec));

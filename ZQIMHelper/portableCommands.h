@@ -19,8 +19,9 @@ int ZQIMMoveOrCopyFile(std::filesystem::path source, std::filesystem::path desti
 
 int DoDelFile(std::string root, std::string file);
 
-void FindFilesAndFolders(std::filesystem::path dir, std::vector<std::filesystem::path>& files,
-                         std::vector<std::filesystem::path>& folders);
+// The lists hold path text (native form), not path objects.
+void FindFilesAndFolders(std::filesystem::path dir, std::vector<std::string>& files,
+                         std::vector<std::string>& folders);
 std::error_code DeleteWithRetry(std::filesystem::path p);
 int DoDelFolder(std::string folder);
 

@@ -1,0 +1,40 @@
+#!/usr/bin/env bash
+# Builds the helper in Release with the benchmark programs and runs every
+# workload against the standard tools. Run as root (fixPermsR and chown need
+# it). Options are passed to zqim_bench.py; the common ones:
+#   --runs N         runs of each side per workload (default 5)
+#   --mem-runs N     runs of the memory workloads (default 3)
+#   --only a,b,...   only these workloads (see --help)
+#   --json FILE      also write the figures as JSON
+# BUILD_DIR (default <repo>/build-bench) chooses the build directory.
+set -euo pipefail
+
+here="$(cd "$(dirname "$0")" && pwd)"
+repo="$(cd "$here/.." && pwd)"
+build="${BUILD_DIR:-$repo/build-bench}"
+
+need=()
+command -v cmake >/dev/null || need+=(cmake)
+command -v g++ >/dev/null || need+=(g++)
+command -v make >/dev/null || need+=(make)
+command -v python3 >/dev/null || need+=(python3)
+# The measuring wrapper is linked statically.
+[ -f /usr/lib/x86_64-linux-gnu/libc.a ] || [ -n "$(find /usr/lib -name libc.a -print -quit 2>/dev/null)" ] || need+=(libc6-dev)
+if [ ${#need[@]} -gt 0 ]; then
+  if [ "$(id -u)" -eq 0 ]; then
+    apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${need[@]}"
+  else
+    echo "Missing: ${need[*]}. Install them (sudo apt-get install ${need[*]}) and run again." >&2
+    exit 1
+  fi
+fi
+
+cmake -S "$here" -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake --build "$build" -j"$(nproc)" >/dev/null
+
+exec python3 "$here/zqim_bench.py" \
+  --helper "$build/zqim/ZQIMHelper" \
+  --measure "$build/zqim_measure" \
+  --poll-bench "$build/zqim_poll_bench" \
+  "$@"
