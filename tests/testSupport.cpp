@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -44,7 +45,7 @@ void WriteFile(const fs::path& path, const std::string& content) {
 
 // A log line is "YYYY-MM-DDTHH:MM:SSZ: message"; messages may span lines, so
 // a line without a stamp continues the message before it.
-std::vector<std::string> LogMessages(const std::string& logText) {
+static std::vector<std::string> LogMessages(const std::string& logText) {
     std::vector<std::string> messages;
     std::istringstream in(logText);
     std::string line;
@@ -59,7 +60,8 @@ std::vector<std::string> LogMessages(const std::string& logText) {
     return messages;
 }
 
-void ResetRunState() {
+// Each unit test starts as a freshly started helper.
+static void ResetRunState() {
     gVerbose = false;
     gPID = 0;
     gProgressFilepath.clear();
@@ -92,21 +94,14 @@ LogCapture::~LogCapture() {
     gLogStream.clear();
 }
 
-std::string LogCapture::text() const { return ReadFile(file); }
+std::vector<std::string> LogCapture::messages() const { return LogMessages(ReadFile(file)); }
 
-std::vector<std::string> LogCapture::messages() const { return LogMessages(text()); }
-
-int LogCapture::indexOf(const std::string& message) const {
+bool LogCapture::has(const std::string& message) const {
     const auto all = messages();
-    for (std::size_t i = 0; i < all.size(); ++i)
-        if (all[i] == message)
-            return static_cast<int>(i);
-    return -1;
+    return std::find(all.begin(), all.end(), message) != all.end();
 }
 
-bool LogCapture::has(const std::string& message) const { return indexOf(message) >= 0; }
-
-const char* HelperBinary() {
+static const char* HelperBinary() {
     if (const char* overridden = std::getenv("ZQIM_HELPER"))
         return overridden;
     return ZQIM_HELPER_BINARY;

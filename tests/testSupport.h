@@ -30,9 +30,6 @@ private:
 std::string ReadFile(const fs::path& path);
 void WriteFile(const fs::path& path, const std::string& content);
 
-// Log messages without their time stamps.
-std::vector<std::string> LogMessages(const std::string& logText);
-
 // Points the helper's log at a scratch file and resets the whole run state,
 // so that each unit test starts as a freshly started helper.
 class LogCapture {
@@ -42,16 +39,11 @@ public:
     std::vector<std::string> messages() const;
     // True when some message equals `message` exactly.
     bool has(const std::string& message) const;
-    // Index of the first message equal to `message`, or -1.
-    int indexOf(const std::string& message) const;
-    std::string text() const;
 
 private:
     TempDir dir;
     fs::path file;
 };
-
-void ResetRunState();
 
 // The real helper binary, started with `args`; its standard output is kept.
 class HelperProcess {
@@ -60,7 +52,6 @@ public:
     ~HelperProcess();
     // Waits for the process to end; returns false on time-out.
     bool wait(std::chrono::milliseconds timeout);
-    int exitStatus() const { return status; }  // raw wait status
     bool exitedNormally() const;
     int exitCode() const;
     std::string output() const;
@@ -106,6 +97,5 @@ private:
 };
 
 bool IsRoot();
-const char* HelperBinary();
 
 }  // namespace zqimtest
