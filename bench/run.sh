@@ -20,15 +20,7 @@ command -v make >/dev/null || need+=(make)
 command -v python3 >/dev/null || need+=(python3)
 # The measuring wrapper is linked statically.
 [ -f /usr/lib/x86_64-linux-gnu/libc.a ] || [ -n "$(find /usr/lib -name libc.a -print -quit 2>/dev/null)" ] || need+=(libc6-dev)
-if [ ${#need[@]} -gt 0 ]; then
-  if [ "$(id -u)" -eq 0 ]; then
-    apt-get update -qq
-    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${need[@]}"
-  else
-    echo "Missing: ${need[*]}. Install them (sudo apt-get install ${need[*]}) and run again." >&2
-    exit 1
-  fi
-fi
+bash "$repo/tools/apt-install.sh" "${need[@]}"
 
 cmake -S "$here" -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build "$build" -j"$(nproc)" >/dev/null

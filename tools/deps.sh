@@ -12,12 +12,4 @@ command -v llvm-symbolizer >/dev/null || need+=(llvm)
 [ -f /usr/include/gtest/gtest.h ] || need+=(libgtest-dev)
 ls /usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.fuzzer-x86_64.a >/dev/null 2>&1 || need+=(libclang-rt-dev)
 
-if [ ${#need[@]} -gt 0 ]; then
-  if [ "$(id -u)" -eq 0 ]; then
-    apt-get update -qq
-    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${need[@]}"
-  else
-    echo "Missing: ${need[*]}. Install them (sudo apt-get install ${need[*]}) and run again." >&2
-    exit 1
-  fi
-fi
+bash "$(dirname "$0")/apt-install.sh" "${need[@]}"
