@@ -5,7 +5,11 @@
 
 #include "ZQIMHelper.h"
 #include "portableCommands.h"
+#include "treeWalk.h"
+#include "underRoot.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -13,7 +17,6 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <filesystem>
 #include <iostream>
 #include <sstream>
@@ -130,15 +133,32 @@ int DoCmdSymlink(std::string existingFile, std::string resultingLinkFile) {
     ZQIMLog("DoCmdSymlink() - Create Symlink existingFile:\n" + existingFile +
             "\n... resultingLinkFile ...\n" + linkPath);
 
+    // The link's place is the root text, "/" and the name: the name is always
+    // below the root (an empty root is "/"), however it is written.
+    const std::string root = gRoot.empty() ? "/" : gRoot;
+    const std::size_t skip = resultingLinkFile.find_first_not_of('/');
+    const std::string rel = skip == std::string::npos ? "" : resultingLinkFile.substr(skip);
+    UniqueFd parent;
+    std::string leaf;
     int result = 0;
-    if (symlink(existingFile.c_str(), linkPath.c_str()) == 0)
-        return 0;
-    int error = errno;
+    int error = 0;
+    if (std::error_code ec = OpenParentUnderRoot(root, rel, parent, leaf))
+        error = ec.value();
+    else if (leaf.empty())
+        leaf = ".";  // the root itself: always in the way
+    auto makeLink = [&] {
+        return ::symlinkat(existingFile.c_str(), parent.get(), leaf.c_str()) == 0 ? 0 : errno;
+    };
+    if (error == 0) {
+        error = makeLink();
+        if (error == 0)
+            return 0;
+    }
 
     if (error == EEXIST) {
         ZQIMLog("DoCmdSymlink() - Symlink already existed. Attempting to delete it.");
-        std::error_code ec;
-        const bool removed = fs::remove(linkPath, ec);
+        bool removed;
+        const std::error_code ec = RemoveEntryAt(parent.get(), leaf.c_str(), removed);
         error = errno;
         if (ec) {
             std::ostringstream msg;
@@ -152,11 +172,11 @@ int DoCmdSymlink(std::string existingFile, std::string resultingLinkFile) {
             ZQIMLog("DoDelFile() - File did not exist. Continuing.");
         if (result == 0) {
             ZQIMLog("DoCmdSymlink() - Attempting retry after deleting existing file.");
-            if (symlink(existingFile.c_str(), linkPath.c_str()) == 0) {
+            error = makeLink();
+            if (error == 0) {
                 ZQIMLog("DoCmdSymlink() - Retry attempt succeeded.");
                 return 0;
             }
-            error = errno;
         }
     }
 
@@ -187,6 +207,76 @@ static std::string ChownOutcome(int returned, int error) {
     return text.str();
 }
 
+namespace {
+
+// Hands every entry below the top to the new owner, each through the handle
+// of the directory it was listed from and never through a link: a directory
+// swapped for a link after it was listed has the link itself changed.
+class OwnershipRepair : public TreeVisitor {
+public:
+    OwnershipRepair(uid_t user, gid_t group) : user(user), group(group) {}
+
+    bool visit(DirChain& dir, const DirEntry& entry) override {
+        switch (entry.type) {
+        case EntryType::Directory:
+            ++dirs;
+            break;
+        case EntryType::Unknown:
+            ZQIMLog("DoFixPerms(recursive): Error checking for symlink or dir for: " +
+                    dir.pathOf(entry.name));
+            break;
+        default:
+            ++files;
+        }
+        Change(dir, entry.name);
+        return true;
+    }
+
+    bool cannotEnter(DirChain& dir, const std::string& name, std::error_code ec) override {
+        struct stat st;
+        if (IsLinkAt(dir.fd(), name.c_str(), st)) {
+            Change(dir, name);
+            return true;
+        }
+        ReportUnopened(dir.pathOf(name), ec);
+        return false;
+    }
+
+    // A listing that fails midway leaves ownership half repaired; that is not
+    // summed up as done: the failure ends the process, as a throwing
+    // directory iterator would.
+    bool listingFailed(DirChain& dir, std::error_code ec) override {
+        throw fs::filesystem_error("directory iterator cannot advance", fs::path(dir.path()), ec);
+    }
+
+    void ReportUnopened(const std::string& path, std::error_code ec) const {
+        std::ostringstream msg;
+        msg << "DoFixPerms(uid=" << user << ",gid=" << group << ") - error on directory: " << path
+            << ": " << PrintErrorCode(ec);
+        ZQIMLog(msg.str());
+    }
+
+    int files = 0, dirs = 0, errors = 0;
+
+private:
+    void Change(DirChain& dir, const std::string& name) {
+        const int returned = ::fchownat(dir.fd(), name.c_str(), user, group, AT_SYMLINK_NOFOLLOW);
+        if (returned == 0)
+            return;
+        const int error = errno;
+        std::ostringstream msg;
+        msg << "DoFixPerms(recursive, uid=" << user << ",gid=" << group << ") - chown error ("
+            << ChownOutcome(returned, error) << ") on: " << dir.pathOf(name);
+        ZQIMLog(msg.str());
+        ++errors;
+    }
+
+    uid_t user;
+    gid_t group;
+};
+
+}  // namespace
+
 int DoFixPerms(std::string uid, std::string gid, std::string path, bool recursive,
                bool /*fullAccess: ownership only, permission bits are never touched*/) {
     const uid_t user = static_cast<uint32_t>(std::strtoul(uid.c_str(), nullptr, 10));
@@ -208,55 +298,26 @@ int DoFixPerms(std::string uid, std::string gid, std::string path, bool recursiv
         return 0;
     }
 
-    int files = 0, dirs = 0, errors = 0;
-    std::deque<fs::path> pending{fs::path(path)};
-    while (!pending.empty()) {
-        const fs::path dir = pending.back();
-        pending.pop_back();
-
-        std::error_code openEc;
-        fs::directory_iterator it(dir, openEc);
-        // The throwing advance is deliberate: a listing that fails midway
-        // ends the process rather than leaving ownership half-repaired
-        // behind a summary that claims the walk completed.
-        for (; it != fs::directory_iterator(); ++it) {
-            const fs::directory_entry& entry = *it;
-            std::error_code ec;
-            if (entry.is_symlink(ec)) {
-                ++files;
-            } else if (entry.is_directory(ec)) {
-                pending.push_back(entry.path());
-                ++dirs;
-            } else if (!ec) {
-                ++files;
-            } else {
-                ZQIMLog("DoFixPerms(recursive): Error checking for symlink or dir for: " +
-                        entry.path().string());
-            }
-
-            const int returned = lchown(entry.path().c_str(), user, group);
-            if (returned != 0) {
-                const int error = errno;
-                std::ostringstream msg;
-                msg << "DoFixPerms(recursive, uid=" << user << ",gid=" << group
-                    << ") - chown error (" << ChownOutcome(returned, error)
-                    << ") on: " << entry.path().string();
-                ZQIMLog(msg.str());
-                ++errors;
-            }
-        }
-        if (openEc) {
-            std::ostringstream msg;
-            msg << "DoFixPerms(uid=" << user << ",gid=" << group
-                << ") - error on directory: " << dir.string() << ": " << PrintErrorCode(openEc);
-            ZQIMLog(msg.str());
-            return 1;
-        }
+    // The top is the front-end's and is opened as the system resolves it; it
+    // keeps its owner, only what lies below it changes.
+    OwnershipRepair repair(user, group);
+    UniqueFd top = OpenDirAt(AT_FDCWD, path.c_str(), true);
+    if (!top.valid()) {
+        repair.ReportUnopened(path, LastError());
+        return 1;
+    }
+    DirChain chain(std::move(top), path);
+    std::error_code lost;
+    if (!WalkTree(chain, repair, WalkOrder::AfterListingLastFirst, lost)) {
+        if (lost)
+            repair.ReportUnopened(chain.path(), lost);
+        return 1;
     }
 
     std::ostringstream msg;
     msg << "DoFixPerms(recursive, uid=" << user << ",gid=" << group << ") - chown done on "
-        << files << " files and " << dirs << " dirs with " << errors << " errors.";
+        << repair.files << " files and " << repair.dirs << " dirs with " << repair.errors
+        << " errors.";
     ZQIMLog(msg.str());
     return 0;
 }

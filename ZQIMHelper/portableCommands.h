@@ -19,9 +19,7 @@ int ZQIMMoveOrCopyFile(std::filesystem::path source, std::filesystem::path desti
 
 int DoDelFile(std::string root, std::string file);
 
-// The lists hold path text (native form), not path objects.
-void FindFilesAndFolders(std::filesystem::path dir, std::vector<std::string>& files,
-                         std::vector<std::string>& folders);
+// Removes `p` as given, and once more after a pause if that failed.
 std::error_code DeleteWithRetry(std::filesystem::path p);
 int DoDelFolder(std::string folder);
 

@@ -1,0 +1,70 @@
+// Directory handles and the few system calls made through them, wrapped
+// once. Every operation that changes a tree reaches each entry through the
+// handle of the directory it was listed from, so nothing another user does
+// to a path after it was looked at can send the helper somewhere else.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+// An owned file descriptor, closed when it goes out of scope.
+class UniqueFd {
+public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd) : fd_(fd) {}
+    ~UniqueFd() { reset(); }
+    UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
+    UniqueFd& operator=(UniqueFd&& other) noexcept {
+        if (this != &other)
+            reset(other.release());
+        return *this;
+    }
+    UniqueFd(const UniqueFd&) = delete;
+    UniqueFd& operator=(const UniqueFd&) = delete;
+
+    int get() const { return fd_; }
+    bool valid() const { return fd_ >= 0; }
+    int release() { return std::exchange(fd_, -1); }
+    void reset(int fd = -1);
+
+private:
+    int fd_ = -1;
+};
+
+// The current errno as an error code, in the category the standard library's
+// file-system functions report (so logs read the same as before).
+std::error_code LastError();
+std::error_code ErrorOf(int error);
+
+// Opens `name` in `dir` as a directory. With `follow` false a symbolic link
+// is refused (the error is then ENOTDIR or ELOOP, as the system says).
+UniqueFd OpenDirAt(int dir, const char* name, bool follow = false);
+
+// True when `name` in `dir` is itself a symbolic link; `st` gets its status.
+bool IsLinkAt(int dir, const char* name, struct stat& st);
+
+// What a listing says of an entry.
+enum class EntryType : unsigned char { Directory, Link, Other, Unknown };
+
+struct DirEntry {
+    std::string name;
+    EntryType type;
+};
+
+// Reads every entry of the directory `dir` (but "." and ".."), with the type
+// the listing gives; only where the file system gives none is the entry
+// examined (without following a link), and one that vanished reads Unknown.
+// On a failure midway, `entries` holds what was read before it.
+std::error_code ReadEntries(int dir, std::vector<DirEntry>& entries);
+
+// Whether the directory `dir` holds no entry but "." and "..".
+std::error_code DirIsEmpty(int dir, bool& empty);
+
+// Removes `name` in `dir` as remove(3) does: a file or a link itself, or an
+// empty directory. A name that does not exist is not an error; `removed`
+// says whether something went. errno is left as the last call set it.
+std::error_code RemoveEntryAt(int dir, const char* name, bool& removed);

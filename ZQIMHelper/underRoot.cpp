@@ -1,0 +1,174 @@
+#include "underRoot.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+
+namespace {
+
+// As many links as the kernel itself follows in one lookup.
+constexpr int kMaxLinkHops = 40;
+
+bool TrustedOwner(uid_t owner) {
+    return owner == 0 || owner == geteuid();
+}
+
+// Reads the link `name` in `dir` together with its owner, from one handle on
+// the link itself: the owner judged is the owner of the text followed, even
+// if the name is swapped for another link in between.
+std::error_code ReadTrustedLink(int dir, const std::string& name, bool& isLink,
+                                std::string& target) {
+    isLink = false;
+#ifdef __APPLE__
+    // O_SYMLINK opens the link itself; O_NONBLOCK keeps a fifo that took the
+    // name from blocking the open.
+    UniqueFd link(::openat(dir, name.c_str(), O_RDONLY | O_SYMLINK | O_NONBLOCK | O_CLOEXEC));
+#else
+    UniqueFd link(::openat(dir, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+#endif
+    if (!link.valid())
+        return LastError();
+    struct stat st;
+    if (::fstat(link.get(), &st) != 0)
+        return LastError();
+    if (!S_ISLNK(st.st_mode))
+        return {};
+    isLink = true;
+    if (!TrustedOwner(st.st_uid))
+        return ErrorOf(EACCES);
+
+    char text[PATH_MAX];
+    ssize_t length;
+#ifdef __APPLE__
+    if (__builtin_available(macOS 13.0, *)) {
+        length = ::freadlink(link.get(), text, sizeof text);
+    } else {
+        // Before freadlink, read by name and make sure the name still holds
+        // the link that was judged.
+        length = ::readlinkat(dir, name.c_str(), text, sizeof text);
+        struct stat again;
+        if (length >= 0 && (::fstatat(dir, name.c_str(), &again, AT_SYMLINK_NOFOLLOW) != 0 ||
+                            again.st_dev != st.st_dev || again.st_ino != st.st_ino ||
+                            !TrustedOwner(again.st_uid)))
+            return ErrorOf(EACCES);
+    }
+#else
+    length = ::readlinkat(link.get(), "", text, sizeof text);
+#endif
+    if (length < 0)
+        return LastError();
+    if (static_cast<std::size_t>(length) >= sizeof text)
+        return ErrorOf(ENAMETOOLONG);
+    target.assign(text, static_cast<std::size_t>(length));
+    return {};
+}
+
+std::error_code Walk(int start, std::string_view rel, bool create, int& hops, UniqueFd& out) {
+    UniqueFd owned;
+    int current = start;
+    std::size_t at = 0;
+    while (at < rel.size()) {
+        std::size_t end = rel.find('/', at);
+        if (end == std::string_view::npos)
+            end = rel.size();
+        const std::string name(rel.substr(at, end - at));
+        at = end + 1;
+        if (name.empty() || name == ".")
+            continue;
+
+        UniqueFd next = OpenDirAt(current, name.c_str());
+        int error = next.valid() ? 0 : errno;
+        if (error == ENOENT && create) {
+            if (::mkdirat(current, name.c_str(), 0777) != 0 && errno != EEXIST)
+                return LastError();
+            next = OpenDirAt(current, name.c_str());
+            error = next.valid() ? 0 : errno;
+        }
+        if (error == ENOTDIR || error == ELOOP) {
+            bool isLink;
+            std::string target;
+            if (std::error_code ec = ReadTrustedLink(current, name, isLink, target))
+                return ec;
+            if (!isLink)
+                return ErrorOf(ENOTDIR);
+            if (--hops < 0)
+                return ErrorOf(ELOOP);
+            UniqueFd top;
+            if (!target.empty() && target[0] == '/') {
+                top = OpenDirAt(AT_FDCWD, "/", true);
+                if (!top.valid())
+                    return LastError();
+            }
+            std::error_code ec = Walk(top.valid() ? top.get() : current, target, false, hops, next);
+            // A link whose target is missing is in the way of a directory to
+            // create, exactly as a file would be.
+            if (ec == std::errc::no_such_file_or_directory && create)
+                ec = ErrorOf(EEXIST);
+            if (ec)
+                return ec;
+        } else if (error != 0) {
+            return ErrorOf(error);
+        }
+        owned = std::move(next);
+        current = owned.get();
+    }
+    if (!owned.valid()) {
+        owned = OpenDirAt(start, ".");
+        if (!owned.valid())
+            return LastError();
+    }
+    out = std::move(owned);
+    return {};
+}
+
+}  // namespace
+
+std::error_code OpenRootFor(const std::string& root, std::string_view rel, UniqueFd& out) {
+    const char* base = !rel.empty() && rel[0] == '/' ? "/" : root.empty() ? "." : root.c_str();
+    out = OpenDirAt(AT_FDCWD, base, true);
+    return out.valid() ? std::error_code() : LastError();
+}
+
+std::error_code OpenDirBelow(int base, std::string_view rel, UniqueFd& out) {
+    int hops = kMaxLinkHops;
+    return Walk(base, rel, false, hops, out);
+}
+
+std::error_code MakeDirsBelow(int base, std::string_view rel, UniqueFd& out) {
+    int hops = kMaxLinkHops;
+    return Walk(base, rel, true, hops, out);
+}
+
+void SplitLeaf(std::string_view rel, std::string_view& parent, std::string_view& leaf) {
+    std::size_t end = rel.size();
+    while (end > 0 && rel[end - 1] == '/')
+        --end;
+    const std::size_t keep = end < rel.size() ? 1 : 0;  // one trailing separator
+    if (end == 0) {
+        parent = rel;
+        leaf = std::string_view();
+        return;
+    }
+    const std::size_t slash = rel.rfind('/', end - 1);
+    if (slash == std::string_view::npos) {
+        parent = std::string_view();
+        leaf = rel.substr(0, end + keep);
+    } else {
+        parent = rel.substr(0, slash + 1);
+        leaf = rel.substr(slash + 1, end - slash - 1 + keep);
+    }
+}
+
+std::error_code OpenParentUnderRoot(const std::string& root, std::string_view rel,
+                                    UniqueFd& parent, std::string& leaf) {
+    UniqueFd base;
+    if (std::error_code ec = OpenRootFor(root, rel, base))
+        return ec;
+    std::string_view parentPart, leafPart;
+    SplitLeaf(rel, parentPart, leafPart);
+    leaf.assign(leafPart);
+    return OpenDirBelow(base.get(), parentPart, parent);
+}
