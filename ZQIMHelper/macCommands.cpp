@@ -216,7 +216,7 @@ class OwnershipRepair : public TreeVisitor {
 public:
     OwnershipRepair(uid_t user, gid_t group) : user(user), group(group) {}
 
-    bool visit(DirChain& dir, const DirEntry& entry) override {
+    Next visit(DirChain& dir, const DirEntry& entry) override {
         switch (entry.type) {
         case EntryType::Directory:
             ++dirs;
@@ -229,7 +229,7 @@ public:
             ++files;
         }
         Change(dir, entry.name);
-        return true;
+        return entry.type == EntryType::Directory ? Next::Enter : Next::Skip;
     }
 
     bool cannotEnter(DirChain& dir, const std::string& name, std::error_code ec) override {

@@ -4,6 +4,7 @@
 #include "portableCommands.h"
 
 #include "ZQIMHelper.h"
+#include "fileCopy.h"
 #include "fileHandles.h"
 #include "treeWalk.h"
 #include "underRoot.h"
@@ -127,15 +128,6 @@ int DoCmdCopy(std::string source, std::string destination, std::string root, boo
     return MoveOrCopy(fs::path(source), target, move, movedFiles, movedFiles.size());
 }
 
-// Some standard libraries report a file copy cut short by a full disk as an
-// I/O error, without retrying the write that would have said ENOSPC. When the
-// destination's file system has no room left, that is what happened.
-static bool NoRoomLeft(const fs::path& destination) {
-    std::error_code ec;
-    const fs::space_info space = fs::space(destination.parent_path(), ec);
-    return !ec && space.available == 0;
-}
-
 // `hopsLeft` bounds the walk through the moved-files map: a chain longer than
 // the map can only be a cycle (a moved file brought back and then deleted),
 // which would otherwise recurse until the stack runs out.
@@ -143,22 +135,17 @@ static int MoveOrCopy(const fs::path& source, const Target& target, bool move,
                       std::map<std::string, std::string>& movedFiles, std::size_t hopsLeft) {
     const fs::path& destination = target.shown;
     const bool doMove = move && !gRootIsCrossDevice;
-    std::error_code error;
-    if (doMove) {
-        UniqueFd parent;
-        std::string leaf;
-        error = OpenTargetParent(target, parent, leaf);
-        if (!error && ::renameat(AT_FDCWD, source.c_str(), parent.get(), leaf.c_str()) != 0)
+    // The source is the front-end's staged payload, taken as given; the
+    // target is reached through the handle of the folder that holds it.
+    UniqueFd parent;
+    std::string leaf;
+    std::error_code error = OpenTargetParent(target, parent, leaf);
+    if (!error && doMove) {
+        if (::renameat(AT_FDCWD, source.c_str(), parent.get(), leaf.c_str()) != 0)
             error = LastError();
-    } else {
-        fs::copy(source, destination,
-                 fs::copy_options::overwrite_existing | fs::copy_options::recursive |
-                     fs::copy_options::copy_symlinks,
-                 error);
+    } else if (!error) {
+        error = CopyIntoPlace(source.string(), parent.get(), leaf);
     }
-
-    if (error == std::errc::io_error && NoRoomLeft(destination))
-        error = std::make_error_code(std::errc::no_space_on_device);
 
     if (!error) {
         if (doMove)
@@ -372,19 +359,19 @@ public:
                                  std::move(topText), 1, false});
     }
 
-    bool visit(DirChain& dir, const DirEntry& entry) override {
+    Next visit(DirChain& dir, const DirEntry& entry) override {
         if (entry.type == EntryType::Directory) {
             const std::string text = dir.pathOf(entry.name);
             folders.push_back(Folder{current, static_cast<std::uint32_t>(text.size()), entry.name,
                                      1, false});
             pending = static_cast<std::uint32_t>(folders.size() - 1);
-            return true;
+            return Next::Enter;
         }
         ++files;
         bool removed;
         if (std::error_code ec = RemoveEntryAt(dir.fd(), entry.name.c_str(), removed))
             failed.push_back(FailedFile{current, entry.name, ec, {}});
-        return false;
+        return Next::Skip;
     }
 
     bool cannotEnter(DirChain& dir, const std::string& name, std::error_code ec) override {

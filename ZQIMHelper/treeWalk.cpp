@@ -81,7 +81,10 @@ bool WalkTree(DirChain& chain, TreeVisitor& visitor, WalkOrder order, std::error
     const std::error_code listed = ReadEntries(chain.fd(), entries);
     std::vector<std::string> later;
     for (DirEntry& entry : entries) {
-        if (!visitor.visit(chain, entry) || entry.type != EntryType::Directory)
+        const Next next = visitor.visit(chain, entry);
+        if (next == Next::Stop)
+            return false;
+        if (next == Next::Skip)
             continue;
         if (order == WalkOrder::AsMet) {
             if (!enter(entry.name))

@@ -49,13 +49,16 @@ private:
     std::size_t firstOpen = 1;  // levels [1, firstOpen) were let go
 };
 
+// What a walk does next, once an entry was visited.
+enum class Next { Skip, Enter, Stop };
+
 // What a walk does at each entry of each directory.
 class TreeVisitor {
 public:
     virtual ~TreeVisitor() = default;
-    // Called for every entry, in listing order; true to walk into it (only
-    // directories are walked into).
-    virtual bool visit(DirChain& dir, const DirEntry& entry) = 0;
+    // Called for every entry, in listing order. Enter walks into it (say it
+    // only of a directory), Stop ends the whole walk.
+    virtual Next visit(DirChain& dir, const DirEntry& entry) = 0;
     // Called once the directory `name` was opened and became the deepest of
     // `dir`, before anything below it is visited.
     virtual void entered(DirChain& dir, const std::string& name) { (void)dir, (void)name; }
