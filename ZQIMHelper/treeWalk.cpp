@@ -8,7 +8,7 @@
 
 // Handles held at once by one chain, the top included. Deeper trees reopen a
 // parent through ".." on the way back up.
-static constexpr std::size_t kOpenLevels = 32;
+static constexpr std::size_t kOpenLevels = 16;
 
 DirChain::DirChain(UniqueFd top, std::string topText) : text(std::move(topText)) {
     levels.emplace_back();
