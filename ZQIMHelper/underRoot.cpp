@@ -1,5 +1,8 @@
 #include "underRoot.h"
 
+#ifdef __APPLE__
+#include <Availability.h>
+#endif
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -43,9 +46,12 @@ std::error_code ReadTrustedLink(int dir, const std::string& name, bool& isLink,
     char text[PATH_MAX];
     ssize_t length;
 #ifdef __APPLE__
+#if __MAC_OS_X_VERSION_MAX_ALLOWED >= 130000
     if (__builtin_available(macOS 13.0, *)) {
         length = ::freadlink(link.get(), text, sizeof text);
-    } else {
+    } else
+#endif
+    {
         // Before freadlink, read by name and make sure the name still holds
         // the link that was judged.
         length = ::readlinkat(dir, name.c_str(), text, sizeof text);
