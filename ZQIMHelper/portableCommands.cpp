@@ -220,11 +220,11 @@ static std::error_code OpenPruneStep(const std::string& root, const fs::path& di
     while (base.size() > 1 && base.back() == '/')
         base.pop_back();
     const std::string& text = dir.native();
-    const bool below = text.size() > base.size() + 1 && text.compare(0, base.size(), base) == 0 &&
-                       (base.back() == '/' || text[base.size()] == '/');
+    const std::size_t cut = base.back() == '/' ? base.size() : base.size() + 1;
+    const bool below = text.size() > cut && text.compare(0, base.size(), base) == 0 &&
+                       text[cut - 1] == '/';
     if (below)
-        return OpenParentUnderRoot(root, std::string_view(text).substr(base.size() + 1), parent,
-                                   name);
+        return OpenParentUnderRoot(root, std::string_view(text).substr(cut), parent, name);
     name = dir.filename().string();
     parent = OpenDirAt(AT_FDCWD, dir.has_relative_path() && dir.parent_path().empty()
                                      ? "."

@@ -150,6 +150,11 @@ TEST(ForeignLinks, PlantedUserLinkBelowTheRootIsRefusedAndRootsLinkFollowed) {
     EXPECT_EQ(fs::read_symlink(real / "sub/l"), "target");
     EXPECT_EQ(DoDelFile(r, "good/sub/f"), 0);
     EXPECT_FALSE(fs::exists(real / "sub/f"));
+    // Under the root "/", the folders a removal empties are pruned too.
+    Touch(tmp / "top/a/b/f");
+    Touch(tmp / "top/keep");
+    EXPECT_EQ(DoDelFile("/", (tmp / "top/a/b/f").string().substr(1)), 0);
+    EXPECT_TRUE(fs::exists(tmp / "top") && !fs::exists(tmp / "top/a"));
     EXPECT_EQ(gErrors, (std::set<int>{2002, 2004}));
 }
 
