@@ -162,6 +162,17 @@ std::error_code MakeTemporaryCopy(int in, int dir, std::string& name, UniqueFd& 
 
 #endif
 
+// Renames the temporary entry, once `prepared`, over `name`; on any failure
+// the temporary entry goes and the failure is returned.
+std::error_code PutInPlace(bool prepared, int dir, const std::string& temporary,
+                           const std::string& name) {
+    if (prepared && ::renameat(dir, temporary.c_str(), dir, name.c_str()) == 0)
+        return {};
+    const std::error_code ec = LastError();
+    ::unlinkat(dir, temporary.c_str(), 0);
+    return ec;
+}
+
 // Puts a copy of the file `srcName` in `srcDir` at `dstName` in `dstDir`,
 // replacing what is there (whose owner the copy takes over, `old`).
 std::error_code InstallFile(int srcDir, const char* srcName, int dstDir, const std::string& dstName,
@@ -176,15 +187,10 @@ std::error_code InstallFile(int srcDir, const char* srcName, int dstDir, const s
     if (std::error_code ec = MakeTemporaryCopy(in.get(), dstDir, temporary, out))
         return ec;
     // The owner first: a change of owner clears the set-id bits of the mode.
-    const bool ok = (!old || ::fchown(out.get(), old->st_uid, old->st_gid) == 0) &&
-                    ::fchmod(out.get(), source.st_mode & 07777) == 0 &&
-                    ::close(out.release()) == 0 &&
-                    ::renameat(dstDir, temporary.c_str(), dstDir, dstName.c_str()) == 0;
-    if (ok)
-        return {};
-    const std::error_code ec = LastError();
-    ::unlinkat(dstDir, temporary.c_str(), 0);
-    return ec;
+    const bool prepared = (!old || ::fchown(out.get(), old->st_uid, old->st_gid) == 0) &&
+                          ::fchmod(out.get(), source.st_mode & 07777) == 0 &&
+                          ::close(out.release()) == 0;
+    return PutInPlace(prepared, dstDir, temporary, dstName);
 }
 
 // Puts a copy of the link `srcName` at `dstName`, replacing what is there.
@@ -200,14 +206,9 @@ std::error_code InstallLink(int srcDir, const char* srcName, int dstDir, const s
             return ::symlinkat(target, dstDir, candidate);
         }))
         return ec;
-    const bool ok = (!old || ::fchownat(dstDir, temporary.c_str(), old->st_uid, old->st_gid,
-                                        AT_SYMLINK_NOFOLLOW) == 0) &&
-                    ::renameat(dstDir, temporary.c_str(), dstDir, dstName.c_str()) == 0;
-    if (ok)
-        return {};
-    const std::error_code ec = LastError();
-    ::unlinkat(dstDir, temporary.c_str(), 0);
-    return ec;
+    const bool prepared = !old || ::fchownat(dstDir, temporary.c_str(), old->st_uid,
+                                             old->st_gid, AT_SYMLINK_NOFOLLOW) == 0;
+    return PutInPlace(prepared, dstDir, temporary, dstName);
 }
 
 // Copies a file or link to `dstName` in `dstDir`. `fileName` is the source's
