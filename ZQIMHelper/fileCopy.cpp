@@ -16,11 +16,13 @@
 #endif
 
 #include <cerrno>
+#include <algorithm>
 #include <climits>
 #include <filesystem>
 #include <memory>
 #include <set>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -46,9 +48,10 @@ std::error_code StatAt(int dir, const char* name, struct stat& st, bool& exists)
 // behind can be told from the payload.
 template <typename Make>
 std::error_code MakeTemporary(std::string& name, Make make) {
+    static const std::string prefix = ".zqim-tmp." + std::to_string(::getpid()) + ".";
     static unsigned counter = 0;
     for (int attempt = 0; attempt < 100; ++attempt) {
-        name = ".zqim-tmp." + std::to_string(::getpid()) + "." + std::to_string(++counter);
+        name = prefix + std::to_string(++counter);
         if (make(name.c_str()) == 0)
             return {};
         if (errno != EEXIST)
@@ -64,11 +67,40 @@ bool Unsupported(int error) {
            error == ENOSYS || error == ENOTTY || error == EPERM;
 }
 
+// The process's umask, read once (reading it means setting it).
+mode_t Umask() {
+    static const mode_t mask = [] {
+        const mode_t current = ::umask(0);
+        ::umask(current);
+        return current;
+    }();
+    return mask;
+}
+
+// A new file of `mode` could be created with it directly: the umask takes
+// nothing away and there are no set-id or sticky bits, which only a change
+// of mode after the creation sets.
+bool CreatableWith(mode_t mode) {
+    return (mode & 07000) == 0 && (mode & ~Umask()) == mode;
+}
+
+// Opens a new temporary file beside the destination.
+std::error_code CreateTemporary(int dir, mode_t mode, std::string& name, UniqueFd& out) {
+    return MakeTemporary(name, [&](const char* candidate) {
+        out = UniqueFd(::openat(dir, candidate,
+                                O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+        return out.valid() ? 0 : -1;
+    });
+}
+
 #ifdef __APPLE__
 
-// A temporary copy of `in` beside the destination: an APFS clone when the
-// volume can (new blocks only as either side changes), else the data.
-std::error_code MakeTemporaryCopy(int in, int dir, std::string& name, UniqueFd& out) {
+// A temporary copy of `in` (of `source`'s status) beside the destination:
+// an APFS clone when the volume can (new blocks only as either side
+// changes), else the data. `modeSet` says whether it has `source`'s mode.
+std::error_code MakeTemporaryCopy(int in, const struct stat& source, int dir, std::string& name,
+                                  UniqueFd& out, bool& modeSet) {
+    modeSet = false;
     // The clone is owned as a file the helper creates, like a plain copy.
     std::error_code ec = MakeTemporary(name, [&](const char* candidate) {
         return ::fclonefileat(in, dir, candidate, CLONE_NOOWNERCOPY);
@@ -83,15 +115,13 @@ std::error_code MakeTemporaryCopy(int in, int dir, std::string& name, UniqueFd& 
     }
     if (!Unsupported(ec.value()))
         return ec;
-    ec = MakeTemporary(name, [&](const char* candidate) {
-        out = UniqueFd(::openat(dir, candidate,
-                                O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-        return out.valid() ? 0 : -1;
-    });
-    if (ec)
+    const mode_t mode = source.st_mode & 07777;
+    modeSet = CreatableWith(mode);
+    if ((ec = CreateTemporary(dir, modeSet ? mode : 0600, name, out)))
         return ec;
     if (::fcopyfile(in, out.get(), nullptr, COPYFILE_DATA) != 0) {
         ec = LastError();
+        out.reset();
         ::unlinkat(dir, name.c_str(), 0);
     }
     return ec;
@@ -99,21 +129,34 @@ std::error_code MakeTemporaryCopy(int in, int dir, std::string& name, UniqueFd& 
 
 #else
 
-// Copies the rest of `in` to `out`: a reflink where the file system shares
-// blocks (XFS, btrfs), else in the kernel, else through a buffer.
-std::error_code CopyData(int in, int out) {
-    if (::ioctl(out, FICLONE, in) == 0)
-        return {};
-    if (!Unsupported(errno))
-        return LastError();
-    ::posix_fadvise(in, 0, 0, POSIX_FADV_SEQUENTIAL);
+// Devices between which a clone was refused: not asked again.
+std::set<std::pair<dev_t, dev_t>> gNoClone;
+
+// Copies `size` bytes of `in` to `out`: a reflink where the file system
+// shares blocks (XFS, btrfs), else in the kernel, else through a buffer.
+std::error_code CopyData(int in, const struct stat& source, int out, dev_t outDev) {
+    const auto devices = std::make_pair(source.st_dev, outDev);
+    if (outDev == 0 || !gNoClone.count(devices)) {
+        if (::ioctl(out, FICLONE, in) == 0)
+            return {};
+        if (!Unsupported(errno))
+            return LastError();
+        if (outDev != 0)
+            gNoClone.insert(devices);
+    }
+    // Read-ahead pays off for large files only.
+    if (source.st_size >= (1 << 17))
+        ::posix_fadvise(in, 0, 0, POSIX_FADV_SEQUENTIAL);
+    off_t left = source.st_size;
     bool copied = false;
-    while (true) {
-        const ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, 1 << 30, 0);
-        if (n == 0)
+    while (left > 0) {
+        const ssize_t n = ::copy_file_range(in, nullptr, out, nullptr,
+                                            static_cast<std::size_t>(std::min<off_t>(left, 1 << 30)), 0);
+        if (n == 0)  // the file was shorter than it said
             return {};
         if (n > 0) {
             copied = true;
+            left -= n;
             continue;
         }
         if (errno == EINTR)
@@ -122,6 +165,8 @@ std::error_code CopyData(int in, int out) {
             return LastError();
         break;
     }
+    if (left == 0)
+        return {};
     static const std::unique_ptr<char[]> buffer(new char[1 << 17]);
     while (true) {
         const ssize_t n = ::read(in, buffer.get(), 1 << 17);
@@ -145,19 +190,44 @@ std::error_code CopyData(int in, int out) {
     }
 }
 
-std::error_code MakeTemporaryCopy(int in, int dir, std::string& name, UniqueFd& out) {
-    std::error_code ec = MakeTemporary(name, [&](const char* candidate) {
-        out = UniqueFd(::openat(dir, candidate,
-                                O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-        return out.valid() ? 0 : -1;
-    });
+// A temporary copy of `in` (of `source`'s status) beside the destination.
+// Where nothing is to be replaced (`unnamed`), the file gets no name at all
+// (`name` is left empty) until it is complete: a helper killed meanwhile
+// leaves nothing behind. `modeSet` says whether it has `source`'s mode.
+std::error_code MakeTemporaryCopy(int in, const struct stat& source, int dir, dev_t dirDev,
+                                  bool unnamed, std::string& name, UniqueFd& out,
+                                  bool& modeSet) {
+    const mode_t mode = source.st_mode & 07777;
+    modeSet = CreatableWith(mode);
+    const mode_t createMode = modeSet ? mode : 0600;
+    name.clear();
+    if (unnamed)
+        out = UniqueFd(::openat(dir, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, createMode));
+    std::error_code ec;
+    if (!out.valid() && (!unnamed || Unsupported(errno) || errno == EISDIR))
+        ec = CreateTemporary(dir, createMode, name, out);
+    else if (!out.valid())
+        ec = LastError();
     if (ec)
         return ec;
-    if ((ec = CopyData(in, out.get()))) {
+    if ((ec = CopyData(in, source, out.get(), dirDev))) {
         out.reset();
-        ::unlinkat(dir, name.c_str(), 0);
+        if (!name.empty())
+            ::unlinkat(dir, name.c_str(), 0);
     }
     return ec;
+}
+
+// Gives the open, unnamed file `fd` the name `name` in `dir`.
+int LinkAt(int fd, int dir, const char* name) {
+    if (::linkat(fd, "", dir, name, AT_EMPTY_PATH) == 0)
+        return 0;
+    if (errno != ENOENT && errno != EPERM)
+        return -1;
+    // Naming a file by its descriptor alone takes a privilege; through
+    // /proc it takes none.
+    const std::string self = "/proc/self/fd/" + std::to_string(fd);
+    return ::linkat(AT_FDCWD, self.c_str(), dir, name, AT_SYMLINK_FOLLOW);
 }
 
 #endif
@@ -175,8 +245,8 @@ std::error_code PutInPlace(bool prepared, int dir, const std::string& temporary,
 
 // Puts a copy of the file `srcName` in `srcDir` at `dstName` in `dstDir`,
 // replacing what is there (whose owner the copy takes over, `old`).
-std::error_code InstallFile(int srcDir, const char* srcName, int dstDir, const std::string& dstName,
-                            const struct stat* old) {
+std::error_code InstallFile(int srcDir, const char* srcName, int dstDir, dev_t dstDev,
+                            const std::string& dstName, const struct stat* old) {
     // A source swapped for a link since it was looked at is not followed.
     UniqueFd in(::openat(srcDir, srcName, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     struct stat source;
@@ -184,13 +254,36 @@ std::error_code InstallFile(int srcDir, const char* srcName, int dstDir, const s
         return LastError();
     std::string temporary;
     UniqueFd out;
-    if (std::error_code ec = MakeTemporaryCopy(in.get(), dstDir, temporary, out))
+    bool modeSet;
+#ifdef __APPLE__
+    (void)dstDev;
+    std::error_code ec = MakeTemporaryCopy(in.get(), source, dstDir, temporary, out, modeSet);
+#else
+    std::error_code ec = MakeTemporaryCopy(in.get(), source, dstDir, dstDev, !old, temporary,
+                                           out, modeSet);
+#endif
+    if (ec)
         return ec;
     // The owner first: a change of owner clears the set-id bits of the mode.
     const bool prepared = (!old || ::fchown(out.get(), old->st_uid, old->st_gid) == 0) &&
-                          ::fchmod(out.get(), source.st_mode & 07777) == 0 &&
-                          ::close(out.release()) == 0;
-    return PutInPlace(prepared, dstDir, temporary, dstName);
+                          (modeSet || ::fchmod(out.get(), source.st_mode & 07777) == 0);
+#ifndef __APPLE__
+    if (temporary.empty()) {
+        // Unnamed: it appears under its name whole, or not at all. Should
+        // something have taken the name meanwhile, it is replaced.
+        if (!prepared)
+            return LastError();
+        if (LinkAt(out.get(), dstDir, dstName.c_str()) == 0)
+            return {};
+        if (errno != EEXIST)
+            return LastError();
+        if ((ec = MakeTemporary(temporary, [&](const char* candidate) {
+                 return LinkAt(out.get(), dstDir, candidate);
+             })))
+            return ec;
+    }
+#endif
+    return PutInPlace(prepared && ::close(out.release()) == 0, dstDir, temporary, dstName);
 }
 
 // Puts a copy of the link `srcName` at `dstName`, replacing what is there.
@@ -211,10 +304,11 @@ std::error_code InstallLink(int srcDir, const char* srcName, int dstDir, const s
     return PutInPlace(prepared, dstDir, temporary, dstName);
 }
 
-// Copies a file or link to `dstName` in `dstDir`. `fileName` is the source's
-// own name, under which a file goes into a folder that stands at its place.
+// Copies a file or link to `dstName` in `dstDir` (on the device `dstDev`).
+// `fileName` is the source's own name, under which a file goes into a folder
+// that stands at its place.
 std::error_code CopyNonDirectory(int srcDir, const char* srcName, const struct stat& src,
-                                 const std::string& fileName, int dstDir,
+                                 const std::string& fileName, int dstDir, dev_t dstDev,
                                  const std::string& dstName) {
     struct stat to;
     bool exists;
@@ -229,8 +323,9 @@ std::error_code CopyNonDirectory(int srcDir, const char* srcName, const struct s
                                              : InstallLink(srcDir, srcName, dstDir, dstName,
                                                            exists ? &to : nullptr);
     if (!exists || !S_ISDIR(to.st_mode))
-        return InstallFile(srcDir, srcName, dstDir, dstName, exists ? &to : nullptr);
+        return InstallFile(srcDir, srcName, dstDir, dstDev, dstName, exists ? &to : nullptr);
 
+    const dev_t intoDev = to.st_dev;
     UniqueFd into = OpenDirAt(dstDir, dstName.c_str());
     if (!into.valid())
         return LastError();
@@ -240,15 +335,17 @@ std::error_code CopyNonDirectory(int srcDir, const char* srcName, const struct s
         return ErrorOf(EEXIST);
     if (exists && !S_ISREG(to.st_mode) && !S_ISLNK(to.st_mode))
         return ErrorOf(ENOTSUP);
-    return InstallFile(srcDir, srcName, into.get(), fileName, exists ? &to : nullptr);
+    return InstallFile(srcDir, srcName, into.get(), intoDev, fileName, exists ? &to : nullptr);
 }
 
-// Makes `name` in `dir` a real folder for the source folder `src` to merge
-// into: an existing folder stays, a link gives way, a new one gets the
-// source's mode. `made` is set when the folder is new.
-std::error_code PrepareFolder(const struct stat& src, int dir, const std::string& name,
-                              bool& made) {
+// Makes `name` in `dir` (on `dirDev`) a real folder for the source folder
+// `src` to merge into: an existing folder stays, a link gives way, a new one
+// gets the source's mode. `made` is set when the folder is new; `dev` is the
+// device the folder is on.
+std::error_code PrepareFolder(const struct stat& src, int dir, dev_t dirDev,
+                              const std::string& name, bool& made, dev_t& dev) {
     made = false;
+    dev = dirDev;
     struct stat to;
     bool exists;
     if (std::error_code ec = StatAt(dir, name.c_str(), to, exists))
@@ -260,8 +357,10 @@ std::error_code PrepareFolder(const struct stat& src, int dir, const std::string
             return ErrorOf(EINVAL);
         if (S_ISREG(to.st_mode))
             return ErrorOf(EISDIR);
-        if (S_ISDIR(to.st_mode))
+        if (S_ISDIR(to.st_mode)) {
+            dev = to.st_dev;  // a folder may be another file system's top
             return {};
+        }
         if (::unlinkat(dir, name.c_str(), 0) != 0)
             return LastError();
     }
@@ -275,7 +374,7 @@ std::error_code PrepareFolder(const struct stat& src, int dir, const std::string
 // `dest` holds, level by level in step with the source's walk.
 class TreeCopy : public TreeVisitor {
 public:
-    explicit TreeCopy(DirChain& dest) : dest(dest) {}
+    TreeCopy(DirChain& dest, dev_t destDev) : dest(dest), devices{destDev} {}
 
     // Remembers a folder this copy made, so that a copy into its own source
     // stops at the first level it would copy again, instead of for ever.
@@ -293,14 +392,17 @@ public:
         if (::fstatat(src.fd(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0)
             return Fail(LastError());
         if (!S_ISDIR(st.st_mode))
-            return Fail(CopyNonDirectory(src.fd(), name.c_str(), st, name, dest.fd(), name));
+            return Fail(CopyNonDirectory(src.fd(), name.c_str(), st, name, dest.fd(),
+                                         devices.back(), name));
         if (made.count({st.st_dev, st.st_ino}))
             return Fail(ErrorOf(EINVAL));
         bool isNew;
-        if (std::error_code ec = PrepareFolder(st, dest.fd(), name, isNew))
+        dev_t dev;
+        if (std::error_code ec = PrepareFolder(st, dest.fd(), devices.back(), name, isNew, dev))
             return Fail(ec);
         if (std::error_code ec = dest.descend(name))
             return Fail(ec);
+        devices.push_back(dev);
         if (std::error_code ec = isNew ? RememberMade() : std::error_code())
             return Fail(ec);
         return Next::Enter;
@@ -312,6 +414,7 @@ public:
     }
 
     void left(DirChain&, const std::string&) override {
+        devices.pop_back();
         if (std::error_code ec = dest.ascend())
             error = ec;
     }
@@ -333,28 +436,31 @@ private:
     }
 
     DirChain& dest;
+    std::vector<dev_t> devices;  // of each folder of `dest`, for the clone cache
     std::set<std::pair<dev_t, ino_t>> made;
 };
 
 }  // namespace
 
 std::error_code CopyIntoPlace(const std::string& source, int parent, const std::string& leaf) {
-    struct stat src;
-    if (::lstat(source.c_str(), &src) != 0)
+    struct stat src, place;
+    if (::lstat(source.c_str(), &src) != 0 || ::fstat(parent, &place) != 0)
         return LastError();
     if (!S_ISDIR(src.st_mode))
         return CopyNonDirectory(AT_FDCWD, source.c_str(), src,
-                                std::filesystem::path(source).filename().string(), parent, leaf);
+                                std::filesystem::path(source).filename().string(), parent,
+                                place.st_dev, leaf);
 
     bool isNew;
-    if (std::error_code ec = PrepareFolder(src, parent, leaf, isNew))
+    dev_t dev;
+    if (std::error_code ec = PrepareFolder(src, parent, place.st_dev, leaf, isNew, dev))
         return ec;
     UniqueFd from = OpenDirAt(AT_FDCWD, source.c_str());
     UniqueFd to = OpenDirAt(parent, leaf.c_str());
     if (!from.valid() || !to.valid())
         return LastError();
     DirChain sourceChain(std::move(from), source), destChain(std::move(to), leaf);
-    TreeCopy copy(destChain);
+    TreeCopy copy(destChain, dev);
     if (std::error_code ec = isNew ? copy.RememberMade() : std::error_code())
         return ec;
     std::error_code lost;
