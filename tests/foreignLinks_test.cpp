@@ -95,8 +95,8 @@ struct RaceScene {
             fs::create_directory_symlink(victim, u / ("l" + n));
         }
         for (auto it = fs::recursive_directory_iterator(u); it != fs::end(it); ++it)
-            lchown(it->path().c_str(), kNobody, kNobody);
-        lchown(u.c_str(), kNobody, kNobody);
+            EXPECT_EQ(lchown(it->path().c_str(), kNobody, kNobody), 0);
+        EXPECT_EQ(lchown(u.c_str(), kNobody, kNobody), 0);
         for (int i = 0; i < 5; ++i)
             Touch(u / "keep" / ("k" + std::to_string(i)));
     }

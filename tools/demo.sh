@@ -3,8 +3,9 @@
 # small application tree with examples/install.txt, shows the answers, the
 # tree and the log, then removes it with examples/uninstall.txt.
 #
-#   ZQIM_HELPER=<path>   use this helper binary instead of building one
-#   ZQIM_DEMO_TMP=<dir>  where to make the temporary work dir (default $TMPDIR or /tmp)
+#   ZQIM_HELPER=<path>        use this helper binary instead of building one
+#   ZQIM_DEMO_EXAMPLES=<dir>  where install.txt and uninstall.txt are (default examples/)
+#   ZQIM_DEMO_TMP=<dir>       where to make the temporary work dir (default $TMPDIR or /tmp)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 repo=$PWD
@@ -129,7 +130,7 @@ finish_helper() {  # output file: the command file ended with exit, so the helpe
 # ------------------------------------------------------------- install
 say "Install: helper started with -c comm -p $$ (it stops if this script dies)"
 start_helper "$work/helper1.out"
-send 1 examples/install.txt
+send 1 "${ZQIM_DEMO_EXAMPLES:-examples}/install.txt"
 await 1
 finish_helper "$work/helper1.out"
 
@@ -143,7 +144,7 @@ echo "running the installed program:"; "$root/bin/zqdemo" | indent
 say "Uninstall: old command and answer files removed, a new helper started"
 rm -f "$comm"/ZQCmd*
 start_helper "$work/helper2.out"
-send 2 examples/uninstall.txt
+send 2 "${ZQIM_DEMO_EXAMPLES:-examples}/uninstall.txt"
 await 2
 finish_helper "$work/helper2.out"
 

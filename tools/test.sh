@@ -1,14 +1,31 @@
 #!/usr/bin/env bash
-# Builds the helper and runs every test: the normal build and the whole suite,
-# a short seeded fuzzing run (root only), then the suite again under
-# AddressSanitizer and UndefinedBehaviorSanitizer (without the long load test).
+# Builds the helper and runs every test: the normal build and the whole suite
+# (its load test sends 60 command files, a minute at the helper's pace), a
+# short seeded fuzzing run (root only), then the suite again under
+# AddressSanitizer and UndefinedBehaviorSanitizer (without the load test).
 # Stops at the first stage that fails, with a non-zero status.
+#
+#   bash tools/test.sh          # a few minutes
+#   bash tools/test.sh --long   # the load test with 500 command files and a
+#                               # fuzzing run of 5 minutes: about 15 minutes
 #
 # ZQIM_BUILD_DIR names the normal build directory (default: build); the
 # sanitizer and fuzzer builds go next to it, as <dir>-asan and <dir>-fuzz.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source_dir=$PWD
+long=no
+case "${1:-}" in
+  --long) long=yes ;;
+  "") ;;
+  *) echo "usage: bash tools/test.sh [--long]" >&2; exit 2 ;;
+esac
+if [ "$long" = yes ]; then
+  export ZQIM_LOAD_FILES=500
+  fuzz_limit=(-max_total_time=300)
+else
+  fuzz_limit=(-runs=50000)
+fi
 bash tools/deps.sh
 
 build=${ZQIM_BUILD_DIR:-build}
@@ -34,7 +51,7 @@ if [ "$(id -u)" -eq 0 ]; then
   trap 'rm -rf "$jail"' EXIT
   status=0
   (cd "$run" && ZQIM_FUZZ_JAIL="$jail" "$source_dir/$build-fuzz/fuzz/zqim_fuzzer" \
-     -seed=1 -runs=100000 -timeout=60 -print_final_stats=1 \
+     -seed=1 "${fuzz_limit[@]}" -timeout=60 -print_final_stats=1 \
      corpus "$source_dir/fuzz/corpus" >fuzz.log 2>&1) || status=$?
   # A unit that failed while the playground was the root was written there.
   find "$jail" -maxdepth 2 -type f \( -name 'crash-*' -o -name 'oom-*' -o -name 'timeout-*' \

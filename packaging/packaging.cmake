@@ -1,0 +1,66 @@
+# Installing the helper, its CMake package and its documents, and the Debian
+# package made from the same installation (cpack -G DEB).
+
+include(CMakePackageConfigHelpers)
+
+install(TARGETS ZQIMHelper EXPORT ZQIMHelperTargets
+        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+# find_package(ZQIMHelper) from another project: imported targets under the
+# ZQIMHelper:: namespace.
+set(ZQIM_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/ZQIMHelper)
+install(EXPORT ZQIMHelperTargets NAMESPACE ZQIMHelper:: DESTINATION ${ZQIM_CMAKE_DIR})
+configure_package_config_file(packaging/ZQIMHelperConfig.cmake.in
+  ${CMAKE_CURRENT_BINARY_DIR}/ZQIMHelperConfig.cmake INSTALL_DESTINATION ${ZQIM_CMAKE_DIR})
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/ZQIMHelperConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ZQIMHelperConfig.cmake
+              ${CMAKE_CURRENT_BINARY_DIR}/ZQIMHelperConfigVersion.cmake
+        DESTINATION ${ZQIM_CMAKE_DIR})
+
+# Documents: the README, the example command files, and what Debian asks of
+# every package (a copyright file, a compressed changelog and manual page).
+install(FILES README.md packaging/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+# Not a package of the distribution: there is no bug of its to close.
+install(FILES packaging/lintian-overrides DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides
+        RENAME zqimhelper)
+find_program(ZQIM_GZIP gzip)
+if(ZQIM_GZIP)
+  foreach(doc changelog.Debian ZQIMHelper.1)
+    add_custom_command(OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/${doc}.gz
+      COMMAND ${ZQIM_GZIP} -9nc ${CMAKE_CURRENT_SOURCE_DIR}/packaging/${doc}
+              > ${CMAKE_CURRENT_BINARY_DIR}/${doc}.gz
+      DEPENDS packaging/${doc} VERBATIM)
+  endforeach()
+  add_custom_target(zqim_compressed_docs ALL
+    DEPENDS ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz
+            ${CMAKE_CURRENT_BINARY_DIR}/ZQIMHelper.1.gz)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz
+          DESTINATION ${CMAKE_INSTALL_DOCDIR})
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ZQIMHelper.1.gz
+          DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+endif()
+
+set(CPACK_PACKAGE_NAME zqimhelper)
+set(CPACK_PACKAGE_VENDOR "ZQIMHelper developers")
+set(CPACK_PACKAGE_CONTACT "ZQIMHelper developers <zqimhelper@example.org>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+set(CPACK_PACKAGE_DESCRIPTION
+  "An installer front-end starts the helper with administrator rights and\n"
+  "drives it through command files in a shared directory: it installs files\n"
+  "under an install root, deletes files and folder trees, repairs ownership,\n"
+  "runs shell commands and writes user preferences, and answers every\n"
+  "command file with a finished file, an error file and a log.")
+string(REPLACE ";" "" CPACK_PACKAGE_DESCRIPTION "${CPACK_PACKAGE_DESCRIPTION}")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+    OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_HOMEPAGE "https://example.org/zqimhelper")
+include(CPack)

@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# Makes the Debian package from a build directory and checks it without
+# touching the system: its control data and contents, lintian where it is
+# installed, find_package() against the unpacked tree, and the demo run with
+# the helper and the example command files unpacked from it.
+# Usage: bash tests/package_check.sh <build dir>     (exit 77: skipped)
+set -euo pipefail
+build=$(cd "${1:?usage: package_check.sh <build dir>}" && pwd)
+repo=$(cd "$(dirname "$0")/.." && pwd)
+command -v dpkg-deb >/dev/null || { echo "skipped: no dpkg-deb here"; exit 77; }
+tmp=$(mktemp -d)
+trap 'rm -rf "$tmp"' EXIT
+fail() { echo "FAIL: $*" >&2; exit 1; }
+
+(cd "$build" && cpack -G DEB -B "$tmp/pkg") >"$tmp/cpack.log" 2>&1 ||
+  { cat "$tmp/cpack.log" >&2; fail "cpack"; }
+deb=$(ls "$tmp"/pkg/*.deb)
+version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")
+info=$(dpkg-deb --info "$deb")
+for field in "Package: zqimhelper" "Version: $version-1" "Section: admin" "Depends: libc6"; do
+  grep -q "^ $field" <<<"$info" || fail "control lacks '$field': $info"
+done
+contents=$(dpkg-deb --contents "$deb")
+for file in usr/bin/ZQIMHelper usr/lib/cmake/ZQIMHelper/ZQIMHelperConfig.cmake \
+            usr/lib/cmake/ZQIMHelper/ZQIMHelperConfigVersion.cmake \
+            usr/share/doc/zqimhelper/README.md usr/share/doc/zqimhelper/copyright \
+            usr/share/doc/zqimhelper/changelog.Debian.gz usr/share/man/man1/ZQIMHelper.1.gz \
+            usr/share/doc/zqimhelper/examples/install.txt \
+            usr/share/doc/zqimhelper/examples/uninstall.txt; do
+  grep -q " \./$file\$" <<<"$contents" || fail "package lacks $file"
+done
+grep -v ' root/root ' <<<"$contents" && fail "files not owned by root"
+
+if command -v lintian >/dev/null; then
+  lintian --fail-on error,warning "$deb" 2>&1 | grep -v 'root privileges' || true
+  lintian --fail-on error,warning "$deb" >/dev/null 2>&1 || fail "lintian"
+else
+  echo "lintian: not installed, not run"
+fi
+
+dpkg -x "$deb" "$tmp/root"
+mkdir -p "$tmp/consumer"
+cat >"$tmp/consumer/CMakeLists.txt" <<'CMAKE'
+cmake_minimum_required(VERSION 3.16)
+project(consumer NONE)
+find_package(ZQIMHelper 1 REQUIRED)
+file(GENERATE OUTPUT helper-path.txt CONTENT "$<TARGET_FILE:ZQIMHelper::ZQIMHelper>")
+CMAKE
+cmake -S "$tmp/consumer" -B "$tmp/consumer/build" -DCMAKE_PREFIX_PATH="$tmp/root/usr" \
+  >"$tmp/consumer.log" 2>&1 || { cat "$tmp/consumer.log" >&2; fail "find_package(ZQIMHelper)"; }
+[ "$(cat "$tmp/consumer/build/helper-path.txt")" = "$tmp/root/usr/bin/ZQIMHelper" ] ||
+  fail "find_package points at $(cat "$tmp/consumer/build/helper-path.txt")"
+
+ZQIM_DEMO_EXAMPLES=$tmp/root/usr/share/doc/zqimhelper/examples \
+  bash "$repo/tests/demo_check.sh" "$tmp/root/usr/bin/ZQIMHelper"
+echo "package check passed: $(basename "$deb")"
