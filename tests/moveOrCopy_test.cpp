@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
 using namespace zqimtest;
 using Lines = std::vector<std::string>;
 
@@ -66,6 +68,6 @@ TEST(Symlink, ReplacesWhatIsInTheWayOnceAndClassifiesFailures) {
     EXPECT_EQ(log.messages(), (Lines{create("../nowhere", "l"), create("new", "l"), replacing,
         "DoCmdSymlink() - Attempting retry after deleting existing file.",
         "DoCmdSymlink() - Retry attempt succeeded.", create("t", "d"), replacing,
-        "DoCmdSymlink() - error deleting existing file: generic:39",
+        "DoCmdSymlink() - error deleting existing file: generic:" + std::to_string(ENOTEMPTY),
         "DoDelFile() - File did not exist. Continuing.", "DoCmdSymlink() - Error - Unknown."}));
 }
