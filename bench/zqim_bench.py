@@ -678,12 +678,29 @@ class Bench:
         os.makedirs(work)
         return work, wl.prepare(work, side, rng)
 
+    def drop_caches(self):
+        """A cold page cache: what a tree walk costs right after boot, or
+        when the tree has not been touched for long."""
+        settle()
+        with open("/proc/sys/vm/drop_caches", "w") as f:
+            f.write("3\n")
+
+    def used_bytes(self):
+        st = os.statvfs(self.cfg.tmp)
+        return (st.f_blocks - st.f_bfree) * st.f_frsize
+
     def one_run(self, wl, side, work, ctx):
+        if self.cfg.cold:
+            self.drop_caches()
+        used = self.used_bytes() if self.cfg.space else 0
         if side == "helper":
             fig = self.runner.run_helper(work, wl.helper_lines(ctx))
             fig["retries"] = fig["log"].count("Retrying deleting")
         else:
             fig = self.runner.run_peer(work, wl.peer_argv(ctx))
+        if self.cfg.space:
+            settle()
+            fig["space"] = self.used_bytes() - used
         wl.verify(ctx, side, fig)
         fig.pop("log", None)
         fig["entries"] = ctx.get("entries")
@@ -734,7 +751,8 @@ class Bench:
             self.log("   %-6s run %d: %8.4f s  cpu %7.4f s  peak RSS %7.1f MiB%s"
                      % (side, rep + 1, fig["wall"], fig["cpu"], fig["rss_kb"] / 1024,
                         "  (%d deletion retries)" % fig["retries"] if fig.get("retries") else ""))
-        row = {"workload": wl.label, "name": wl.name, "peer": wl.peer_label, "runs": runs,
+        label = wl.label + (" (cold cache)" if self.cfg.cold else "")
+        row = {"workload": label, "name": wl.name, "peer": wl.peer_label, "runs": runs,
                "kind": wl.kind, "target": wl.target}
         if error:
             row["error"] = error
@@ -748,6 +766,9 @@ class Bench:
                 "helper_rss_kb": median([f["rss_kb"] for f in figs["helper"]]),
                 "peer_rss_kb": median([f["rss_kb"] for f in figs["peer"]]),
                 "helper_all_s": [f["wall"] for f in figs["helper"]],
+                "space_ratio": (median([f["space"] for f in figs["helper"]]) /
+                                max(1, median([f["space"] for f in figs["peer"]])))
+                if self.cfg.space else None,
                 "peer_all_s": [f["wall"] for f in figs["peer"]],
             })
             if wl.name == "startup":
@@ -976,6 +997,8 @@ def table(rows):
             continue
         if r["kind"] in ("time", "memory"):
             ratio = "%.2fx" % r["ratio"] if r["ratio"] else "-"
+            if r.get("space_ratio") is not None:
+                ratio += " (space %.2fx)" % r["space_ratio"]
             hrss = fmt_mib(r["helper_rss_kb"])
             if r["kind"] == "memory":
                 hrss += " (%d B/entry)" % round(r["bytes_per_entry"])
@@ -1068,6 +1091,10 @@ def main():
     ap.add_argument("--seed", type=int, default=20261122)
     ap.add_argument("--json", default="", help="also write the results to this file")
     ap.add_argument("--keep", action="store_true", help="keep the data of a failed run")
+    ap.add_argument("--cold", action="store_true",
+                    help="drop the page cache before every run (needs root)")
+    ap.add_argument("--space", action="store_true",
+                    help="also measure the space each run adds on the data's file system")
     cfg = ap.parse_args()
 
     chosen = [w.strip() for w in cfg.only.split(",") if w.strip()] or ALL
