@@ -4,6 +4,7 @@
 
 #include "ZQIMHelper.h"
 
+#include "commandKeywords.h"
 #include "macCommands.h"
 #include "portableCommands.h"
 
@@ -21,17 +22,13 @@
 
 namespace fs = std::filesystem;
 
-bool gVerbose = false;
 unsigned long long gPID = 0;
 std::string gCommDir;
 std::string gLogFilepath;
 bool gQuitCommandFound = false;
 
-std::ofstream gLogStream;
 std::string gProgressFilepath;
 int gPrevProgress = -1;
-
-std::set<int> gErrors;
 
 std::string gRoot;
 bool gRootIsCrossDevice = false;
@@ -109,32 +106,6 @@ int ZQIMHelperMain(int argc, char** argv) {
 }
 
 // ---------------------------------------------------- log and progress files
-
-void InitLog(const std::string& path) {
-    gLogStream.open(path, std::ios::out | std::ios::trunc);
-    ZQIMLog("Opened Log at: " + path);
-}
-
-void ZQIMLog(const std::string& message) {
-    std::time_t now = std::time(nullptr);
-    std::tm utc{};
-    gmtime_r(&now, &utc);
-    char stamp[21];
-    std::strftime(stamp, sizeof stamp, "%FT%TZ", &utc);
-
-    gLogStream << stamp << ": " << message << '\n';
-    gLogStream.flush();
-    if (gVerbose) {
-        std::cout << stamp << ": " << message << '\n';
-        std::cout.flush();
-    }
-}
-
-void CloseLog() {
-    ZQIMLog("Closing log.");
-    gLogStream.flush();
-    gLogStream.close();
-}
 
 void ZQIMWriteProgress(const std::string& path, int progress) {
     std::ofstream file(path, std::ios::out | std::ios::trunc);
@@ -304,122 +275,18 @@ int ServiceCommandFile(const std::string& path) {
 
 // --------------------------------------------------------------- interpreter
 
-static bool StartsWith(const std::string& text, const std::string& prefix) {
-    return text.compare(0, prefix.size(), prefix) == 0;
-}
-
 // The value after `keyword`, trimmed. `skip` characters after the keyword are
 // dropped whatever they are; past the end of the line this throws, on purpose:
 // a bare `copyDest`, `lnkContent` or `lnkResulting` ends the process.
-static std::string ValueAfter(const std::string& line, const std::string& keyword,
-                              std::size_t skip = 0) {
+static std::string ValueAfter(const std::string& line, std::string_view keyword,
+                              std::size_t skip) {
     std::string value = line.substr(keyword.size() + skip);
     trim(value);
     return value;
 }
 
-static void LogGot(const std::string& keyword, const std::string& value) {
-    ZQIMLog("ServiceCommand() - Got " + keyword + ": " + value + ".");
-}
-
-// A setter of the plist, reg or shortcut groups: keyword and the global it fills.
-struct GroupSetter {
-    const char* keyword;
-    std::string* target;
-};
-
-static bool RunGroupSetter(const std::string& line, const GroupSetter* setters, std::size_t count,
-                           std::string& prevCommand) {
-    for (std::size_t i = 0; i < count; ++i) {
-        if (!StartsWith(line, setters[i].keyword))
-            continue;
-        prevCommand = setters[i].keyword;
-        *setters[i].target = ValueAfter(line, setters[i].keyword);
-        LogGot(setters[i].keyword, *setters[i].target);
-        return true;
-    }
-    return false;
-}
-
 static void LogUnknown(const std::string& line) {
     ZQIMLog("ServiceCommand() - Skipping unknown command: " + line + ".");
-}
-
-static int ServicePlist(const std::string& line, std::string& prevCommand) {
-    static const GroupSetter setters[] = {
-        {"plistLoc", &gPlistLocation},         {"plistPath", &gPlistPath},
-        {"plistValueName", &gPlistValueName},  {"plistValueType", &gPlistValueType},
-        {"plistValueData", &gPlistValueData},
-    };
-    if (RunGroupSetter(line, setters, std::size(setters), prevCommand))
-        return 0;
-    if (StartsWith(line, "plistGo")) {
-        prevCommand = "plistGo";
-        return DoSetPlist(gPlistLocation, gPlistPath, gPlistValueName, gPlistValueType,
-                          gPlistValueData, gUserID);
-    }
-    if (StartsWith(line, "plistDel")) {
-        prevCommand = "plistDel";
-        DoDelPlist(gPlistLocation, gPlistPath, gUserID);
-        return 0;
-    }
-    LogUnknown(line);
-    return 0;
-}
-
-static int ServiceReg(const std::string& line, std::string& prevCommand) {
-    static const GroupSetter setters[] = {
-        {"regHive", &gRegHive},           {"regPath", &gRegPath},
-        {"regValueName", &gRegValueName}, {"regValueType", &gRegValueType},
-        {"regValueData", &gRegValueData},
-    };
-    if (RunGroupSetter(line, setters, std::size(setters), prevCommand))
-        return 0;
-    if (StartsWith(line, "regGo")) {
-        prevCommand = "regGo";
-        DoSetRegKey(gRegHive, gRegPath, gRegValueName, gRegValueType, gRegValueData);
-        return 0;
-    }
-    if (StartsWith(line, "regDel")) {
-        prevCommand = "regDel";
-        DoDelRegKey(gRegHive, gRegPath);
-        return 0;
-    }
-    LogUnknown(line);
-    return 0;
-}
-
-static int ServiceShortcut(const std::string& line, std::string& prevCommand) {
-    static const GroupSetter setters[] = {
-        {"shortcutGroup", &gShortcutGroup},
-        {"shortcutTarget", &gShortcutTarget},
-        {"shortcutName", &gShortcutName},
-        {"shortcutDescription", &gShortcutDescription},
-        {"shortcutLocation", &gShortcutLocation},
-    };
-    if (RunGroupSetter(line, setters, std::size(setters), prevCommand)) {
-        if (prevCommand == "shortcutLocation" && gShortcutLocation != "desktop" &&
-            gShortcutLocation != "startMenu") {
-            ZQIMLog("ServiceCommand() - ERROR: shortcutLocation should be \"desktop\" or "
-                    "\"startMenu\" but got " +
-                    gShortcutLocation + ". Using startMenu.");
-            gShortcutLocation = "startMenu";
-        }
-        return 0;
-    }
-    if (StartsWith(line, "shortcutAdd")) {
-        prevCommand = "shortcutAdd";
-        DoCreateShortcut(gShortcutTarget, gShortcutName, gShortcutGroup, gShortcutDescription,
-                         gShortcutLocation);
-        return 0;
-    }
-    if (StartsWith(line, "shortcutDel")) {
-        prevCommand = "shortcutDel";
-        DoRemoveShortcuts(gShortcutName, gShortcutGroup, gShortcutLocation);
-        return 0;
-    }
-    LogUnknown(line);
-    return 0;
 }
 
 static void WaitForWatchedPID() {
@@ -438,20 +305,6 @@ static void WaitForWatchedPID() {
     sleep(5);
 }
 
-// A copy or move destination: valid only right after its `copySrc`.
-static int ServiceCopyDest(const std::string& line, const std::string& keyword, std::size_t skip,
-                           bool move, std::string& prevCommand, std::string& prevValue) {
-    if (prevCommand != "copySrc") {
-        gErrors.insert(2006);
-        return 2006;
-    }
-    const std::string value = ValueAfter(line, keyword, skip);
-    const std::string source = prevValue;
-    prevCommand = keyword;
-    prevValue = value;
-    return DoCmdCopy(source, value, gRoot, move, gMovedFiles);
-}
-
 static void SetProgress(const std::string& value) {
     const int n = static_cast<int>(std::strtoul(value.c_str(), nullptr, 10));
     if (n == gPrevProgress)
@@ -463,116 +316,120 @@ static void SetProgress(const std::string& value) {
     gPrevProgress = n;
 }
 
+// The global a plist, reg or shortcut setter fills.
+static std::string* SetterTarget(Command command) {
+    switch (command) {
+    case Command::PlistLoc: return &gPlistLocation;
+    case Command::PlistPath: return &gPlistPath;
+    case Command::PlistValueName: return &gPlistValueName;
+    case Command::PlistValueType: return &gPlistValueType;
+    case Command::PlistValueData: return &gPlistValueData;
+    case Command::RegHive: return &gRegHive;
+    case Command::RegPath: return &gRegPath;
+    case Command::RegValueName: return &gRegValueName;
+    case Command::RegValueType: return &gRegValueType;
+    case Command::RegValueData: return &gRegValueData;
+    case Command::ShortcutGroup: return &gShortcutGroup;
+    case Command::ShortcutTarget: return &gShortcutTarget;
+    case Command::ShortcutName: return &gShortcutName;
+    case Command::ShortcutDescription: return &gShortcutDescription;
+    case Command::ShortcutLocation: return &gShortcutLocation;
+    default: return nullptr;
+    }
+}
+
+// Carries out a recognised command with its value; returns the operation's
+// result (the table says whether the line keeps it).
+static int Run(Command command, const std::string& value, const std::string& pending) {
+    if (std::string* target = SetterTarget(command)) {
+        *target = value;
+        return 0;
+    }
+    switch (command) {
+    case Command::CopyDest: return DoCmdCopy(pending, value, gRoot, false, gMovedFiles);
+    case Command::MoveOrCopyDest: return DoCmdCopy(pending, value, gRoot, true, gMovedFiles);
+    case Command::LnkResulting: return DoCmdSymlink(pending, value);
+    case Command::SetRoot:
+        gRoot = value;
+        ZQIMLog("ServiceCommand() - Root is now: " + gRoot);
+        gRootIsCrossDevice = false;
+        return 0;
+    case Command::SetUserID:
+        gUserID = value;
+        ZQIMLog("ServiceCommand() - UserID is now: " + gUserID);
+        return 0;
+    case Command::SetGroupID:
+        gGroupID = value;
+        ZQIMLog("ServiceCommand() - GroupID is now: " + gGroupID);
+        return 0;
+    case Command::Progress: SetProgress(value); return 0;
+    case Command::SetPermsAccess: {
+        gPermsFullAccess = value == "full";
+        std::ostringstream msg;
+        msg << "ServiceCommand() - Perms Full Access is: " << gPermsFullAccess;
+        ZQIMLog(msg.str());
+        return 0;
+    }
+    case Command::FixPermsR: return DoFixPerms(gUserID, gGroupID, value, true, gPermsFullAccess);
+    case Command::FixPerms: return DoFixPerms(gUserID, gGroupID, value, false, gPermsFullAccess);
+    case Command::MakeDir: return DoMakeDir(value);
+    case Command::DelFile: return DoDelFile(gRoot, value);
+    case Command::DelFolder: return DoDelFolder(value);
+    case Command::Exec: return DoExec(value);
+    case Command::PlistGo:
+        return DoSetPlist(gPlistLocation, gPlistPath, gPlistValueName, gPlistValueType,
+                          gPlistValueData, gUserID);
+    case Command::PlistDel: return DoDelPlist(gPlistLocation, gPlistPath, gUserID);
+    case Command::RegGo:
+        return DoSetRegKey(gRegHive, gRegPath, gRegValueName, gRegValueType, gRegValueData);
+    case Command::RegDel: return DoDelRegKey(gRegHive, gRegPath);
+    case Command::ShortcutAdd:
+        return DoCreateShortcut(gShortcutTarget, gShortcutName, gShortcutGroup,
+                                gShortcutDescription, gShortcutLocation);
+    case Command::ShortcutDel:
+        return DoRemoveShortcuts(gShortcutName, gShortcutGroup, gShortcutLocation);
+    case Command::WaitForPID: WaitForWatchedPID(); return 0;
+    case Command::Exit: return 1;
+    default: return 0;  // copySrc and lnkContent only wait for their pair's end
+    }
+}
+
 int ServiceCommand(std::string line, std::string& prevCommand, std::string& prevValue) {
     trim(line);
     if (line.empty() || line[0] == '#')
         return 0;
     // No system call sees a path past a NUL byte, so such a value would name
     // another path than it says (`fixPermsR /x<NUL>y` walks /x for ever).
-    if (line.find('\0') != std::string::npos) {
+    const Keyword* keyword = line.find('\0') == std::string::npos ? MatchKeyword(line) : nullptr;
+    if (!keyword) {
         LogUnknown(line);
         return 0;
     }
+    // A pair's end is checked before its value is cut. A broken link pair is
+    // only returned; a broken copy pair is also recorded for the error file.
+    if (!keyword->pairStart.empty() && prevCommand != keyword->pairStart) {
+        if (keyword->recordsBrokenPair)
+            gErrors.insert(2006);
+        return 2006;
+    }
 
-    if (StartsWith(line, "copySrc")) {
-        prevCommand = "copySrc";
-        prevValue = ValueAfter(line, "copySrc");
-        return 0;
-    }
-    if (StartsWith(line, "copyDest"))
-        return ServiceCopyDest(line, "copyDest", 1, false, prevCommand, prevValue);
-    if (StartsWith(line, "moveOrCopyDest"))
-        return ServiceCopyDest(line, "moveOrCopyDest", 0, true, prevCommand, prevValue);
-    if (StartsWith(line, "lnkContent")) {
-        prevValue = ValueAfter(line, "lnkContent", 1);
-        prevCommand = "lnkContent";
-        return 0;
-    }
-    if (StartsWith(line, "lnkResulting")) {
-        // A broken link pair only returns its code; unlike a broken copy
-        // pair it is not recorded for the error file.
-        if (prevCommand != "lnkContent")
-            return 2006;
-        const std::string value = ValueAfter(line, "lnkResulting", 1);
-        const std::string content = prevValue;
-        prevCommand = "lnkResulting";
+    const std::string value = keyword->value == ValueKept::Cleared
+                                  ? std::string()
+                                  : ValueAfter(line, keyword->name, keyword->dropped);
+    const std::string pending = prevValue;
+    prevCommand = std::string(keyword->name);
+    if (keyword->value != ValueKept::Unchanged)
         prevValue = value;
-        return DoCmdSymlink(content, value);
-    }
+    if (SetterTarget(keyword->command))
+        ZQIMLog("ServiceCommand() - Got " + prevCommand + ": " + value + ".");
 
-    // The remaining single keywords all keep their value for a following line.
-    auto take = [&](const char* keyword) {
-        prevCommand = keyword;
-        prevValue = ValueAfter(line, keyword);
-        return prevValue;
-    };
-    if (StartsWith(line, "setRoot")) {
-        gRoot = take("setRoot");
-        ZQIMLog("ServiceCommand() - Root is now: " + gRoot);
-        gRootIsCrossDevice = false;
-        return 0;
+    const int result = Run(keyword->command, value, pending);
+    if (keyword->command == Command::ShortcutLocation && gShortcutLocation != "desktop" &&
+        gShortcutLocation != "startMenu") {
+        ZQIMLog("ServiceCommand() - ERROR: shortcutLocation should be \"desktop\" or "
+                "\"startMenu\" but got " +
+                gShortcutLocation + ". Using startMenu.");
+        gShortcutLocation = "startMenu";
     }
-    if (StartsWith(line, "setUserID")) {
-        gUserID = take("setUserID");
-        ZQIMLog("ServiceCommand() - UserID is now: " + gUserID);
-        return 0;
-    }
-    if (StartsWith(line, "setGroupID")) {
-        gGroupID = take("setGroupID");
-        ZQIMLog("ServiceCommand() - GroupID is now: " + gGroupID);
-        return 0;
-    }
-    if (StartsWith(line, "progress")) {
-        SetProgress(take("progress"));
-        return 0;
-    }
-    if (StartsWith(line, "setPermsAccess")) {
-        gPermsFullAccess = take("setPermsAccess") == "full";
-        std::ostringstream msg;
-        msg << "ServiceCommand() - Perms Full Access is: " << gPermsFullAccess;
-        ZQIMLog(msg.str());
-        return 0;
-    }
-    if (StartsWith(line, "fixPermsR")) {
-        DoFixPerms(gUserID, gGroupID, take("fixPermsR"), true, gPermsFullAccess);
-        return 0;
-    }
-    if (StartsWith(line, "fixPerms")) {
-        DoFixPerms(gUserID, gGroupID, take("fixPerms"), false, gPermsFullAccess);
-        return 0;
-    }
-    if (StartsWith(line, "makeDir")) {
-        DoMakeDir(take("makeDir"));
-        return 0;
-    }
-    if (StartsWith(line, "delFile"))
-        return DoDelFile(gRoot, take("delFile"));
-    if (StartsWith(line, "delFolder"))
-        return DoDelFolder(take("delFolder"));
-    if (StartsWith(line, "exec")) {
-        DoExec(take("exec"));
-        return 0;
-    }
-
-    if (StartsWith(line, "plist"))
-        return ServicePlist(line, prevCommand);
-    if (StartsWith(line, "reg"))
-        return ServiceReg(line, prevCommand);
-    if (StartsWith(line, "shortcut"))
-        return ServiceShortcut(line, prevCommand);
-
-    if (StartsWith(line, "waitForPID")) {
-        prevCommand = "waitForPID";
-        prevValue.clear();
-        WaitForWatchedPID();
-        return 0;
-    }
-    if (StartsWith(line, "exit")) {
-        prevCommand = "exit";
-        prevValue.clear();
-        return 1;
-    }
-
-    LogUnknown(line);
-    return 0;
+    return keyword->resultKept ? result : 0;
 }

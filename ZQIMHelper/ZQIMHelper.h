@@ -3,31 +3,26 @@
 // reader and the interpreter.
 #pragma once
 
-#include <fstream>
+#include "helperLog.h"
+#include "runState.h"
+
 #include <map>
 #include <set>
 #include <string>
 #include <vector>
 
-// Start-up settings, fixed once the command line has been read.
-extern bool gVerbose;
+// Start-up settings, fixed once the command line has been read (and
+// gVerbose, with the log).
 extern unsigned long long gPID;
 extern std::string gCommDir;
 extern std::string gLogFilepath;
 extern bool gQuitCommandFound;
 
-// The log and the progress file of the command file being serviced.
-extern std::ofstream gLogStream;
+// The progress file of the command file being serviced.
 extern std::string gProgressFilepath;
 extern int gPrevProgress;
 
-// Codes reported by the operations; written to every error file and never
-// emptied, so a later error file repeats the codes of earlier command files.
-extern std::set<int> gErrors;
-
-// Interpreter run state, kept across command files for the whole run.
-extern std::string gRoot;
-extern bool gRootIsCrossDevice;
+// The rest of the interpreter's run state, kept across command files.
 extern std::string gUserID;
 extern std::string gGroupID;
 extern bool gPermsFullAccess;
@@ -51,10 +46,7 @@ private:
 // Start-up: everything `main` does; returns the process exit status.
 int ZQIMHelperMain(int argc, char** argv);
 
-// Log and progress files.
-void InitLog(const std::string& path);
-void ZQIMLog(const std::string& message);
-void CloseLog();
+// Progress files.
 void ZQIMWriteProgress(const std::string& path, int progress);
 std::string ConvertFromWideStringToUTF8(const std::wstring& text);
 

@@ -3,7 +3,8 @@
 
 #include "macCommands.h"
 
-#include "ZQIMHelper.h"
+#include "helperLog.h"
+#include "runState.h"
 #include "portableCommands.h"
 #include "treeWalk.h"
 #include "underRoot.h"

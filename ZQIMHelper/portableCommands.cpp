@@ -3,7 +3,8 @@
 
 #include "portableCommands.h"
 
-#include "ZQIMHelper.h"
+#include "helperLog.h"
+#include "runState.h"
 #include "fileCopy.h"
 #include "fileHandles.h"
 #include "treeWalk.h"

@@ -1,0 +1,34 @@
+#include "helperLog.h"
+
+#include <ctime>
+#include <iostream>
+
+bool gVerbose = false;
+std::ofstream gLogStream;
+std::set<int> gErrors;
+
+void InitLog(const std::string& path) {
+    gLogStream.open(path, std::ios::out | std::ios::trunc);
+    ZQIMLog("Opened Log at: " + path);
+}
+
+void ZQIMLog(const std::string& message) {
+    std::time_t now = std::time(nullptr);
+    std::tm utc{};
+    gmtime_r(&now, &utc);
+    char stamp[21];
+    std::strftime(stamp, sizeof stamp, "%FT%TZ", &utc);
+
+    gLogStream << stamp << ": " << message << '\n';
+    gLogStream.flush();
+    if (gVerbose) {
+        std::cout << stamp << ": " << message << '\n';
+        std::cout.flush();
+    }
+}
+
+void CloseLog() {
+    ZQIMLog("Closing log.");
+    gLogStream.flush();
+    gLogStream.close();
+}
