@@ -24,8 +24,10 @@ esac
 if [ "$long" = yes ]; then
   export ZQIM_LOAD_FILES=500
   fuzz_limit=(-max_total_time=300)
+  checker_limit=(-max_total_time=60)
 else
   fuzz_limit=(-runs=25000)
+  checker_limit=(-runs=10000)
 fi
 bash tools/deps.sh
 
@@ -55,7 +57,7 @@ build_others() {
   if [ "$fuzzing" = yes ]; then
     CC=clang CXX=clang++ cmake -S . -B "$build-fuzz" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
       -DZQIM_FUZZ=ON -DZQIM_TESTS=OFF >/dev/null || return
-    cmake --build "$build-fuzz" -j"$jobs" --target zqim_fuzzer || return
+    cmake --build "$build-fuzz" -j"$jobs" --target zqim_fuzzer checker_fuzzer || return
   fi
   # Unoptimised: it builds faster, and the suite waits on files, not code.
   cmake -S . -B "$build-asan" -DCMAKE_BUILD_TYPE=Debug -DZQIM_SANITIZE=ON >/dev/null || return
@@ -97,6 +99,12 @@ if [ "$fuzzing" = yes ]; then
   fi
   grep -E '^(Done|stat::number_of_executed_units)' "$run/fuzz.log" || true
   rm -rf "$jail"
+  # The checker alone, on any bytes: it must never crash nor hang.
+  mkdir -p "$run/checker-corpus"
+  (cd "$run" && "$source_dir/$build-fuzz/fuzz/checker_fuzzer" -seed=1 "${checker_limit[@]}" \
+     -timeout=10 checker-corpus "$source_dir/fuzz/corpus" >checker.log 2>&1) ||
+    { tail -n 40 "$run/checker.log"; echo "checker fuzz: FAILED; see $run" >&2; exit 1; }
+  grep -E '^Done' "$run/checker.log" || true
 else
   echo "fuzz: skipped: $fuzz_skip"
 fi

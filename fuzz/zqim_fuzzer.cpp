@@ -1,13 +1,14 @@
-// libFuzzer target: every input is serviced as one command file.
+// libFuzzer target: every input is serviced as one command file, and what
+// the checker says of it is held against what the helper did.
 //
 // A command file may say `delFolder /`, `fixPermsR /` or `exec ...`, so the
 // operations run confined:
 //  - for the duration of each input the process is chrooted into a scratch
 //    playground (zqim-fuzz-jail/play under the start directory, or
 //    $ZQIM_FUZZ_JAIL/play), rebuilt from nothing before every input so that
-//    each run is reproducible; the product code only ever uses path-based
-//    calls, so it cannot reach the descriptors this harness keeps to find
-//    its way back out;
+//    each run is reproducible; the product code only opens descriptors of
+//    its own, from paths inside the playground, so it cannot reach the ones
+//    this harness keeps to find its way back out;
 //  - between inputs the real root is restored, so libFuzzer's own corpus,
 //    artifacts, leak checks and the sanitizers' symbolizer never see the
 //    playground and cannot be damaged by it;
@@ -23,6 +24,8 @@
 // can look past the known hang on values cut short by a NUL.
 
 #include "ZQIMHelper.h"
+#include "commandChecker.h"
+#include "commandKeywords.h"
 #include "macCommands.h"
 
 #include <dlfcn.h>
@@ -40,6 +43,8 @@
 #include <fstream>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace fs = std::filesystem;
 
@@ -172,9 +177,14 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     return 0;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (gSkipNul && std::memchr(data, 0, size))
-        return 0;
+namespace {
+
+enum class Outcome { Ended, Stopped, Ran };
+
+// Services `text` as the only command file, in a fresh playground and run
+// state; says whether it ended the process (the exception that would), or
+// stopped on a broken pair (the fatal 2006).
+Outcome Service(std::string_view text) {
     gLogStream.close();
     gLogStream.clear();
     gLogStream.open(gLogPath, std::ios::out | std::ios::trunc);
@@ -183,16 +193,80 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     EnterPlayground();
     BuildFixture();
     std::ofstream("/ZQCmd1.txt", std::ios::binary)
-        .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+        .write(text.data(), static_cast<std::streamsize>(text.size()));
     gProgressFilepath = "/ZQCmd1.progress";
 
+    Outcome outcome = Outcome::Ran;
     tInInput = true;
     try {
         ServiceCommandFile("/ZQCmd1.txt");
     } catch (const std::out_of_range&) {
+        outcome = Outcome::Ended;
     } catch (const fs::filesystem_error&) {
     }
     tInInput = false;
     LeavePlayground();
+    gLogStream.flush();
+    std::ifstream log(gLogPath);
+    // A message of its own, after the time stamp: an unknown command quoting
+    // that text is logged too, but inside another message.
+    const std::string fatal = "ServiceCommandFile() - Fatal error 2006: ";
+    for (std::string line; outcome == Outcome::Ran && std::getline(log, line);)
+        if (line.size() > 22 && line.compare(22, fatal.size(), fatal) == 0)
+            outcome = Outcome::Stopped;
+    return outcome;
+}
+
+[[noreturn]] void Disagree(const char* what) {
+    std::fprintf(stderr, "zqim_fuzzer: the checker and the helper disagree: %s\n", what);
+    std::abort();
+}
+
+}  // namespace
+
+// Each input is serviced as a command file; the checker's verdicts are then
+// held against what the helper did: a file that ended the process or stopped
+// on a broken pair must have been flagged so, and every line flagged so must
+// do exactly that when the helper reaches it (checked on that line alone,
+// after its pair's start where it has one).
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (gSkipNul && std::memchr(data, 0, size))
+        return 0;
+    const std::string_view text(reinterpret_cast<const char*>(data), size);
+    zqim::CheckContext context;
+    const std::vector<zqim::Finding> findings = zqim::CheckCommandFile(text, context);
+    auto flagged = [&](zqim::Finding::Effect effect) {
+        for (const zqim::Finding& f : findings)
+            if (f.effect == effect)
+                return true;
+        return false;
+    };
+
+    const Outcome outcome = Service(text);
+    if (outcome == Outcome::Ended && !flagged(zqim::Finding::EndsProcess))
+        Disagree("the file ended the process, unflagged");
+    if (outcome == Outcome::Stopped && !flagged(zqim::Finding::StopsFile))
+        Disagree("the file stopped on a broken pair, unflagged");
+
+    int checked = 0;
+    for (const zqim::Finding& f : findings) {
+        if (f.effect == zqim::Finding::Advice || ++checked > 2)
+            continue;
+        std::size_t at = 0;
+        for (int n = 1; n < f.line; ++n)
+            at = text.find('\n', at) + 1;
+        const std::string line(text.substr(at, text.find('\n', at) - at));
+        std::string trimmed = line;
+        trim(trimmed);
+        const Keyword* keyword = MatchKeyword(trimmed);
+        std::string alone = line + "\n";
+        if (f.effect == zqim::Finding::EndsProcess && keyword && !keyword->pairStart.empty())
+            alone = std::string(keyword->pairStart) + " x\n" + alone;
+        const Outcome expected =
+            f.effect == zqim::Finding::EndsProcess ? Outcome::Ended : Outcome::Stopped;
+        if (Service(alone) != expected)
+            Disagree(expected == Outcome::Ended ? "a line flagged as ending the process did not"
+                                                : "a line flagged as a broken pair did not stop");
+    }
     return 0;
 }

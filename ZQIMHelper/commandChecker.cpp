@@ -1,0 +1,290 @@
+#include "commandChecker.h"
+
+#include "commandKeywords.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace zqim {
+
+namespace {
+
+bool IsSpace(char c) {
+    return std::isspace(static_cast<unsigned char>(c)) != 0;
+}
+
+// The line as the interpreter trims it, and the column it starts at.
+std::string_view Trimmed(std::string_view line, int& column) {
+    std::size_t first = 0, last = line.size();
+    while (last > 0 && IsSpace(line[last - 1]))
+        --last;
+    while (first < last && IsSpace(line[first]))
+        ++first;
+    column = static_cast<int>(first) + 1;
+    return line.substr(first, last - first);
+}
+
+std::string_view TrimmedValue(std::string_view rest) {
+    int ignored;
+    return Trimmed(rest, ignored);
+}
+
+std::size_t Distance(std::string_view a, std::string_view b) {
+    std::vector<std::size_t> row(b.size() + 1);
+    for (std::size_t j = 0; j <= b.size(); ++j)
+        row[j] = j;
+    for (std::size_t i = 1; i <= a.size(); ++i) {
+        std::size_t diagonal = row[0];
+        row[0] = i;
+        for (std::size_t j = 1; j <= b.size(); ++j) {
+            const std::size_t up = row[j];
+            const bool same = std::tolower(static_cast<unsigned char>(a[i - 1])) ==
+                              std::tolower(static_cast<unsigned char>(b[j - 1]));
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (same ? 0 : 1)});
+            diagonal = up;
+        }
+    }
+    return row[b.size()];
+}
+
+// The keyword an unknown command was most likely meant to be, or empty.
+std::string_view NearestKeyword(std::string_view line) {
+    std::size_t end = 0;
+    while (end < line.size() && !IsSpace(line[end]) && line[end] != '=' && line[end] != ':')
+        ++end;
+    const std::string_view word = line.substr(0, std::min<std::size_t>(end, 64));
+    std::string_view best;
+    std::size_t bestDistance = 3;  // at most two edits away
+    for (const Keyword* k = KeywordsBegin(); k != KeywordsEnd(); ++k) {
+        if (word.size() + 2 < k->name.size() || k->name.size() + 2 < word.size())
+            continue;  // more than two edits apart whatever they are
+        const std::size_t d = Distance(word, k->name);
+        if (d < bestDistance) {
+            bestDistance = d;
+            best = k->name;
+        }
+    }
+    return best;
+}
+
+bool HasDotDot(std::string_view path) {
+    std::size_t at = 0;
+    while (at <= path.size()) {
+        std::size_t end = path.find('/', at);
+        if (end == std::string_view::npos)
+            end = path.size();
+        if (path.substr(at, end - at) == "..")
+            return true;
+        at = end + 1;
+    }
+    return false;
+}
+
+std::string Quote(std::string_view text) {
+    return "'" + std::string(text) + "'";
+}
+
+class FileCheck {
+public:
+    explicit FileCheck(CheckContext& context) : context(context) {}
+
+    void Line(std::string_view raw, int number) {
+        int column;
+        const std::string_view line = Trimmed(raw, column);
+        lineNumber = number;
+        if (line.empty() || line[0] == '#')
+            return;
+        if (line.find('\0') != std::string_view::npos) {
+            Add(Finding::Error, column, "the line holds a NUL byte: the helper skips it as an "
+                                        "unknown command");
+            return;
+        }
+        const Keyword* k = MatchKeyword(line);
+        if (!k) {
+            const std::string_view near = NearestKeyword(line);
+            Add(Finding::Warning, column,
+                "unknown command " + Quote(line.substr(0, std::min<std::size_t>(line.size(), 40))) +
+                    " is skipped" + (near.empty() ? "" : "; did you mean " + Quote(near) + "?"));
+            return;
+        }
+        if (exitLine && !afterExitReported) {
+            afterExitReported = true;
+            Add(Finding::Warning, column,
+                "never runs: the file stops at the exit on line " + std::to_string(exitLine));
+        }
+        const std::string name(k->name);
+        if (!k->pairStart.empty() && prevCommand != k->pairStart) {
+            std::string why = "no " + std::string(k->pairStart) + " before it";
+            if (pairStartLine && prevLine > pairStartLine && pairStartName == k->pairStart)
+                why = "the pair begun on line " + std::to_string(pairStartLine) +
+                      " was broken by line " + std::to_string(prevLine) + " (" + prevCommand + ")";
+            Add(Finding::Error, column,
+                Quote(name) + " must directly follow " + Quote(k->pairStart) +
+                    " (comments and unknown lines aside): fatal error 2006, the helper stops; " +
+                    why,
+                Finding::StopsFile);
+            return;
+        }
+        const std::size_t cut = k->name.size() + k->dropped;
+        if (line.size() < cut) {
+            Add(Finding::Error, column,
+                "nothing after " + Quote(name) + ": cutting its value ends the helper process, "
+                "with no finished file",
+                Finding::EndsProcess);
+        } else if (line.size() > k->name.size()) {
+            const char next = line[k->name.size()];
+            const int at = column + static_cast<int>(k->name.size());
+            if (k->dropped == 0 && !IsSpace(next))
+                Add(Finding::Warning, at,
+                    Quote(name) + " is glued to its value: read as " + Quote(name) +
+                        " with the value " + Quote(TrimmedValue(line.substr(cut))));
+            else if (k->dropped == 1 && next != ' ' && next != '\t')
+                Add(Finding::Warning, at,
+                    "the character after " + Quote(name) + " is dropped, whatever it is: " +
+                        Quote(line.substr(k->name.size(), 1)) + " is not part of the value");
+        }
+        const std::string_view value =
+            line.size() >= cut ? TrimmedValue(line.substr(cut)) : std::string_view();
+        const int valueColumn =
+            column + static_cast<int>(value.empty() ? std::min(cut, line.size())
+                                                    : static_cast<std::size_t>(value.data() -
+                                                                               line.data()));
+        Value(k->command, name, value, column, valueColumn);
+
+        if (StartsPair(k->command)) {
+            pairStartLine = lineNumber;
+            pairStartName = name;
+        }
+        prevCommand = name;
+        prevLine = lineNumber;
+    }
+
+    void End(int lines) {
+        if (context.lastFile && !exitLine) {
+            lineNumber = std::max(lines, 1);
+            Add(Finding::Warning, 1,
+                "no exit: after the last file the helper goes on polling until its front-end "
+                "is gone");
+        }
+    }
+
+    std::vector<Finding> findings;
+
+private:
+    void Add(Finding::Kind kind, int column, std::string message,
+             Finding::Effect effect = Finding::Advice) {
+        findings.push_back(Finding{kind, lineNumber, column, std::move(message), effect});
+    }
+
+    void Value(Command command, const std::string& name, std::string_view value,
+               int keywordColumn, int column) {
+        // A template's placeholder (@ROOT@) stands for what its front-end
+        // fills in: an absolute path.
+        const bool placeholder = value.size() > 2 && value[0] == '@' &&
+                                 value.find('@', 1) != std::string_view::npos;
+        const bool absolute = placeholder || (!value.empty() && value[0] == '/');
+        switch (command) {
+        case Command::CopySrc:
+        case Command::DelFolder:
+            if (!absolute)
+                Add(Finding::Warning, column,
+                    "relative path: " + name + " takes it from the helper's working directory");
+            break;
+        case Command::CopyDest:
+        case Command::MoveOrCopyDest:
+        case Command::DelFile:
+        case Command::LnkResulting:
+            if (!context.rootSet && command != Command::LnkResulting)
+                Add(Finding::Warning, column,
+                    name + " before any setRoot: the path is taken as it stands, from the "
+                           "helper's working directory");
+            if (HasDotDot(value))
+                Add(Finding::Warning, column,
+                    "a '..' component in a path meant to stay under the root");
+            break;
+        case Command::SetRoot:
+            context.rootSet = !value.empty();
+            if (value.size() > 1 && value.back() == '/')
+                Add(Finding::Warning, column,
+                    "a root ending in '/' is never recognised by delFile's pruning, which then "
+                    "climbs past it");
+            break;
+        case Command::PlistLoc:
+        case Command::PlistPath:
+        case Command::PlistValueName:
+        case Command::PlistValueType:
+        case Command::PlistValueData:
+            if (value.find('"') != std::string_view::npos)
+                Add(Finding::Warning, column,
+                    "a double quote in a preference value is pasted unescaped into a shell "
+                    "command line");
+            break;
+        case Command::Progress: {
+            const int n = static_cast<int>(std::strtoul(std::string(value).c_str(), nullptr, 10));
+            if (n > 100 || n < 0)
+                Add(Finding::Warning, column, "progress " + std::to_string(n) + " is past 100");
+            else if (n < progress)
+                Add(Finding::Warning, column,
+                    "progress goes down, from " + std::to_string(progress) + " to " +
+                        std::to_string(n));
+            progress = n;
+            break;
+        }
+        case Command::Exec:
+            Add(Finding::Note, column, "runs as root, through the shell: " + std::string(value));
+            break;
+        case Command::WaitForPID:
+            if (context.noPid)
+                Add(Finding::Error, keywordColumn,
+                    "waitForPID never returns when the helper watches no process (-p)");
+            break;
+        case Command::Exit:
+            exitLine = lineNumber;
+            break;
+        default:
+            break;
+        }
+    }
+
+    CheckContext& context;
+    int lineNumber = 0;
+    std::string prevCommand;
+    int prevLine = 0;
+    std::string pairStartName;
+    int pairStartLine = 0;
+    int progress = -1;
+    int exitLine = 0;
+    bool afterExitReported = false;
+};
+
+}  // namespace
+
+std::vector<Finding> CheckCommandFile(std::string_view text, CheckContext& context) {
+    FileCheck check(context);
+    int number = 0;
+    std::size_t at = 0;
+    // Lines as the reader takes them: up to each newline, and a last one
+    // without a newline too.
+    while (at < text.size()) {
+        std::size_t end = text.find('\n', at);
+        if (end == std::string_view::npos)
+            end = text.size();
+        check.Line(text.substr(at, end - at), ++number);
+        at = end + 1;
+    }
+    check.End(number);
+    return std::move(check.findings);
+}
+
+const char* KindName(Finding::Kind kind) {
+    switch (kind) {
+    case Finding::Error: return "error";
+    case Finding::Warning: return "warning";
+    default: return "note";
+    }
+}
+
+}  // namespace zqim

@@ -1,0 +1,272 @@
+// zqim: tools for the people who write command files and front-ends.
+//
+//   zqim check [--no-pid] [--format=json] FILE...
+//   zqim run [--comm DIR] [--helper PATH] [--keep] [-v] [--check] FILE...
+
+#include "commandChecker.h"
+#include "zqimClient.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iomanip>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+const char* kUsage =
+    "usage: zqim check [--no-pid] [--format=json] FILE...\n"
+    "       zqim run [--comm DIR] [--helper PATH] [--keep] [-v] [--check] FILE...\n";
+
+bool ReadFile(const std::string& path, std::string& text) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        return false;
+    std::ostringstream all;
+    all << in.rdbuf();
+    text = all.str();
+    return true;
+}
+
+std::string JsonString(const std::string& text) {
+    std::string out = "\"";
+    for (unsigned char c : text) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += static_cast<char>(c);
+        } else if (c < 0x20 || c >= 0x7f) {
+            // Bytes, not characters: command files need not be UTF-8.
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+            out += escaped;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out + "\"";
+}
+
+struct Checked {
+    std::string file;
+    std::vector<zqim::Finding> findings;
+};
+
+// Checks the files as the command files of one run, in order. Returns the
+// exit status: 2 with an error, 1 with warnings only, else 0.
+int CheckFiles(const std::vector<std::string>& files, bool noPid, std::vector<Checked>& out) {
+    zqim::CheckContext context;
+    context.noPid = noPid;
+    int status = 0;
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        std::string text;
+        Checked checked{files[i], {}};
+        context.lastFile = i + 1 == files.size();
+        if (!ReadFile(files[i], text))
+            checked.findings.push_back({zqim::Finding::Error, 0, 0, "cannot read the file",
+                                        zqim::Finding::Advice});
+        else
+            checked.findings = zqim::CheckCommandFile(text, context);
+        for (const zqim::Finding& f : checked.findings)
+            status = std::max(status, f.kind == zqim::Finding::Error     ? 2
+                                      : f.kind == zqim::Finding::Warning ? 1
+                                                                         : 0);
+        out.push_back(std::move(checked));
+    }
+    return status;
+}
+
+void PrintFindings(const std::vector<Checked>& checked, bool json) {
+    if (!json) {
+        for (const Checked& c : checked)
+            for (const zqim::Finding& f : c.findings)
+                std::cout << c.file << ":" << f.line << ":" << f.column << ": "
+                          << zqim::KindName(f.kind) << ": " << f.message << "\n";
+        return;
+    }
+    std::cout << "[";
+    const char* comma = "";
+    for (const Checked& c : checked)
+        for (const zqim::Finding& f : c.findings) {
+            std::cout << comma << "\n  {\"file\": " << JsonString(c.file) << ", \"line\": " << f.line
+                      << ", \"column\": " << f.column << ", \"kind\": \"" << zqim::KindName(f.kind)
+                      << "\", \"message\": " << JsonString(f.message) << "}";
+            comma = ",";
+        }
+    std::cout << "\n]\n";
+}
+
+int Check(const std::vector<std::string>& args) {
+    bool noPid = false, json = false;
+    std::vector<std::string> files;
+    for (const std::string& a : args) {
+        if (a == "--no-pid")
+            noPid = true;
+        else if (a == "--format=json")
+            json = true;
+        else if (a == "--format=text")
+            json = false;
+        else if (!a.empty() && a[0] == '-')
+            return std::cerr << kUsage, 64;
+        else
+            files.push_back(a);
+    }
+    if (files.empty())
+        return std::cerr << kUsage, 64;
+    std::vector<Checked> checked;
+    const int status = CheckFiles(files, noPid, checked);
+    PrintFindings(checked, json);
+    return status;
+}
+
+// The helper beside this program, else the one on PATH.
+std::string DefaultHelper(const char* argv0) {
+    const std::string self(argv0);
+    const std::size_t slash = self.rfind('/');
+    if (slash != std::string::npos) {
+        const std::string beside = self.substr(0, slash + 1) + "ZQIMHelper";
+        if (::access(beside.c_str(), X_OK) == 0)
+            return beside;
+    }
+    return "ZQIMHelper";
+}
+
+// One file's progress: a bar redrawn in place on a terminal, lines elsewhere.
+class Display {
+public:
+    explicit Display(bool terminal) : terminal(terminal) {}
+
+    void Start(const std::string& file) {
+        name = file;
+        percent = 0;
+        last.clear();
+        if (!terminal)
+            std::cout << "running " << file << std::endl;
+        Draw();
+    }
+    void Progress(int value) {
+        percent = value;
+        if (!terminal)
+            std::cout << "  progress " << value << "%" << std::endl;
+        Draw();
+    }
+    void Log(const std::string& line) {
+        // Without its time stamp.
+        last = line.size() > 22 && line[19] == 'Z' ? line.substr(22) : line;
+        Draw();
+    }
+    void Done() {
+        if (terminal)
+            std::cout << "\r\033[K";
+    }
+
+private:
+    void Draw() {
+        if (!terminal)
+            return;
+        const int shown = std::max(0, std::min(percent, 100));
+        std::string bar(static_cast<std::size_t>(shown / 5), '#');
+        bar.resize(20, '.');
+        std::cout << "\r\033[K" << name << " [" << bar << "] " << std::setw(3) << shown << "% "
+                  << last.substr(0, 60) << std::flush;
+    }
+
+    bool terminal;
+    std::string name, last;
+    int percent = 0;
+};
+
+int Run(const std::vector<std::string>& args, const char* argv0) {
+    zqim::Session::Options options;
+    options.helper = DefaultHelper(argv0);
+    bool check = false;
+    std::vector<std::string> files;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        if ((a == "--comm" || a == "--helper") && i + 1 < args.size())
+            (a == "--comm" ? options.commDir : options.helper) = args[++i];
+        else if (a == "--keep")
+            options.keepFiles = true;
+        else if (a == "-v")
+            options.verbose = true;
+        else if (a == "--check")
+            check = true;
+        else if (!a.empty() && a[0] == '-')
+            return std::cerr << kUsage, 64;
+        else
+            files.push_back(a);
+    }
+    if (files.empty())
+        return std::cerr << kUsage, 64;
+
+    std::vector<std::string> texts(files.size());
+    for (std::size_t i = 0; i < files.size(); ++i)
+        if (!ReadFile(files[i], texts[i]))
+            return std::cerr << "zqim: cannot read " << files[i] << "\n", 66;
+    if (check) {
+        std::vector<Checked> checked;
+        if (CheckFiles(files, false, checked) == 2) {
+            PrintFindings(checked, false);
+            std::cerr << "zqim: not run: the files have errors\n";
+            return 2;
+        }
+    }
+
+    zqim::Session helper = zqim::Session::Start(options);
+    Display display(::isatty(1));
+    std::vector<std::pair<std::string, zqim::Answer>> answers;
+    bool failed = false;
+    for (std::size_t i = 0; i < files.size() && !failed; ++i) {
+        display.Start(files[i]);
+        const int number = helper.Send(texts[i]);
+        zqim::Answer answer = helper.Wait(
+            number, [&](int p) { display.Progress(p); },
+            [&](const std::string& line) { display.Log(line); });
+        display.Done();
+        failed = answer.died || !answer.newCodes.empty();
+        answers.emplace_back(files[i], std::move(answer));
+    }
+    const std::string ended = helper.Stop();
+
+    std::cout << "ran " << answers.size() << " of " << files.size() << " command files in "
+              << helper.CommDir() << "\n";
+    for (const auto& [file, a] : answers) {
+        std::cout << "  " << file << " (ZQCmd" << a.number << "): " << std::fixed
+                  << std::setprecision(1) << a.took.count() << " s, ";
+        if (a.died)
+            std::cout << "the helper died on it: " << a.how;
+        else if (a.newCodes.empty())
+            std::cout << "no new error";
+        for (std::size_t k = 0; k < a.newCodes.size(); ++k)
+            std::cout << (k ? ", " : "new errors: ") << a.newCodes[k] << " "
+                      << zqim::CodeName(a.newCodes[k]);
+        std::cout << "\n";
+    }
+    std::cout << "helper ended: " << ended << "\n";
+    return failed ? 1 : 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::vector<std::string> args(argv + 1, argv + argc);
+    if (args.empty())
+        return std::cerr << kUsage, 64;
+    const std::string command = args[0];
+    args.erase(args.begin());
+    try {
+        if (command == "check")
+            return Check(args);
+        if (command == "run")
+            return Run(args, argv[0]);
+    } catch (const std::exception& e) {
+        std::cerr << "zqim: " << e.what() << "\n";
+        return 1;
+    }
+    std::cerr << kUsage;
+    return 64;
+}
