@@ -3,8 +3,10 @@
 
 include(CMakePackageConfigHelpers)
 
-install(TARGETS ZQIMHelper EXPORT ZQIMHelperTargets
-        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS ZQIMHelper zqim zqim_client EXPORT ZQIMHelperTargets
+        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 # find_package(ZQIMHelper) from another project: imported targets under the
 # ZQIMHelper:: namespace.
@@ -27,7 +29,7 @@ install(FILES packaging/lintian-overrides DESTINATION ${CMAKE_INSTALL_DATADIR}/l
         RENAME zqimhelper)
 find_program(ZQIM_GZIP gzip)
 if(ZQIM_GZIP)
-  foreach(doc changelog.Debian ZQIMHelper.1)
+  foreach(doc changelog.Debian ZQIMHelper.1 zqim.1)
     add_custom_command(OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/${doc}.gz
       COMMAND ${ZQIM_GZIP} -9nc ${CMAKE_CURRENT_SOURCE_DIR}/packaging/${doc}
               > ${CMAKE_CURRENT_BINARY_DIR}/${doc}.gz
@@ -35,10 +37,10 @@ if(ZQIM_GZIP)
   endforeach()
   add_custom_target(zqim_compressed_docs ALL
     DEPENDS ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz
-            ${CMAKE_CURRENT_BINARY_DIR}/ZQIMHelper.1.gz)
+            ${CMAKE_CURRENT_BINARY_DIR}/ZQIMHelper.1.gz ${CMAKE_CURRENT_BINARY_DIR}/zqim.1.gz)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz
           DESTINATION ${CMAKE_INSTALL_DOCDIR})
-  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ZQIMHelper.1.gz
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ZQIMHelper.1.gz ${CMAKE_CURRENT_BINARY_DIR}/zqim.1.gz
           DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endif()
 

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Runs tools/demo.sh with an already built helper and checks what it did.
+# Runs tools/demo.sh with an already built helper (and the zqim tool beside
+# it) and checks what it did.
 # Usage: bash tests/demo_check.sh <path of ZQIMHelper>
 set -u
 helper=${1:?usage: demo_check.sh <path of ZQIMHelper>}
@@ -21,11 +22,12 @@ for entry in ./bin/zqdemo "./lib/current -> zqdemo-1.0" ./lib/zqdemo-1.0/message
     fail "installed tree lacks '$entry' owned by $owner"
 done
 grep -qx "    Hello from ZQ Demo." "$tmp/out" || fail "the installed program did not run"
-for n in 1 2; do
-  grep -qx "ZQCmd$n.zqfin: Finished." "$tmp/out" || fail "no finished file for command $n"
-  grep -qx "no ZQCmd$n.err: no error recorded" "$tmp/out" || fail "error file for command $n"
+for file in install uninstall; do
+  grep -qE "^  .*/$file\.txt \(ZQCmd1\): [0-9.]+ s, no new error\$" "$tmp/out" ||
+    fail "zqim run's summary for $file.txt"
 done
-[ "$(grep -c '^helper exit status: 0$' "$tmp/out")" -eq 2 ] || fail "helper exit status"
+[ "$(grep -c '^zqim run exit status: 0$' "$tmp/out")" -eq 2 ] || fail "zqim run exit status"
+[ "$(grep -c '^helper ended: exit status 0$' "$tmp/out")" -eq 2 ] || fail "helper exit status"
 grep -q "Fatal error" "$tmp/out" && fail "a log holds a Fatal error line"
 grep -q "^The install root .* is gone\.$" "$tmp/out" || fail "uninstall left the install root"
 [ -z "$(ls -A "$tmp/work")" ] || fail "demo left $(ls -A "$tmp/work") behind"

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Makes the Debian package from a build directory and checks it without
 # touching the system: its control data and contents, lintian where it is
-# installed, find_package() against the unpacked tree, and the demo run with
-# the helper and the example command files unpacked from it.
+# installed, a front-end built with find_package() against the unpacked
+# tree, and the demo run with the helper, zqim and the example command files
+# unpacked from it.
 # Usage: bash tests/package_check.sh <build dir>     (exit 77: skipped)
 set -euo pipefail
 build=$(cd "${1:?usage: package_check.sh <build dir>}" && pwd)
@@ -21,7 +22,8 @@ for field in "Package: zqimhelper" "Version: $version-1" "Section: admin" "Depen
   grep -q "^ $field" <<<"$info" || fail "control lacks '$field': $info"
 done
 contents=$(dpkg-deb --contents "$deb")
-for file in usr/bin/ZQIMHelper usr/lib/cmake/ZQIMHelper/ZQIMHelperConfig.cmake \
+for file in usr/bin/ZQIMHelper usr/bin/zqim usr/include/zqimClient.h usr/lib/libzqim_client.a \
+            usr/lib/cmake/ZQIMHelper/ZQIMHelperConfig.cmake \
             usr/lib/cmake/ZQIMHelper/ZQIMHelperConfigVersion.cmake \
             usr/share/doc/zqimhelper/README.md usr/share/doc/zqimhelper/copyright \
             usr/share/doc/zqimhelper/changelog.Debian.gz usr/share/man/man1/ZQIMHelper.1.gz \
@@ -42,14 +44,32 @@ dpkg -x "$deb" "$tmp/root"
 mkdir -p "$tmp/consumer"
 cat >"$tmp/consumer/CMakeLists.txt" <<'CMAKE'
 cmake_minimum_required(VERSION 3.16)
-project(consumer NONE)
+project(consumer CXX)
+set(CMAKE_CXX_STANDARD 17)
 find_package(ZQIMHelper 1 REQUIRED)
+add_executable(front front.cpp)
+target_link_libraries(front PRIVATE ZQIMHelper::zqim_client)
 file(GENERATE OUTPUT helper-path.txt CONTENT "$<TARGET_FILE:ZQIMHelper::ZQIMHelper>")
 CMAKE
-cmake -S "$tmp/consumer" -B "$tmp/consumer/build" -DCMAKE_PREFIX_PATH="$tmp/root/usr" \
-  >"$tmp/consumer.log" 2>&1 || { cat "$tmp/consumer.log" >&2; fail "find_package(ZQIMHelper)"; }
+cat >"$tmp/consumer/front.cpp" <<'CPP'
+// A front-end of its own, built against the unpacked package.
+#include <zqimClient.h>
+#include <iostream>
+int main(int, char** argv) {
+    zqim::Session::Options options;
+    options.helper = argv[1];
+    zqim::Session helper = zqim::Session::Start(options);
+    const zqim::Answer a = helper.Wait(helper.Send("progress 100\n"));
+    std::cout << (a.finished ? "answered" : "unanswered") << "; " << helper.Stop() << "\n";
+}
+CPP
+{ cmake -S "$tmp/consumer" -B "$tmp/consumer/build" -DCMAKE_PREFIX_PATH="$tmp/root/usr" &&
+  cmake --build "$tmp/consumer/build"; } >"$tmp/consumer.log" 2>&1 ||
+  { cat "$tmp/consumer.log" >&2; fail "a front-end built with find_package(ZQIMHelper)"; }
 [ "$(cat "$tmp/consumer/build/helper-path.txt")" = "$tmp/root/usr/bin/ZQIMHelper" ] ||
   fail "find_package points at $(cat "$tmp/consumer/build/helper-path.txt")"
+[ "$("$tmp/consumer/build/front" "$tmp/root/usr/bin/ZQIMHelper")" = "answered; exit status 0" ] ||
+  fail "the front-end built against the package"
 
 ZQIM_DEMO_EXAMPLES=$tmp/root/usr/share/doc/zqimhelper/examples \
   bash "$repo/tests/demo_check.sh" "$tmp/root/usr/bin/ZQIMHelper"

@@ -1,0 +1,160 @@
+// The front-end's side end to end with the real helper: the client library
+// (progress, codes that add up over a run, a helper that dies, the order a
+// command file is put in place and announced) and the zqim tool's run.
+#include "testSupport.h"
+
+#include "zqimClient.h"
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#ifdef __linux__
+#include <sys/inotify.h>
+#endif
+
+#include <cstdio>
+#include <thread>
+
+using namespace zqimtest;
+using namespace std::chrono_literals;
+
+namespace {
+
+zqim::Session Start(const std::string& dir = "") {
+    zqim::Session::Options options;
+    options.helper = ZQIM_HELPER_BINARY;
+    options.commDir = dir;
+    return zqim::Session::Start(options);
+}
+
+// Runs the zqim tool; returns its exit status and, in `output`, what it printed.
+int Tool(const std::string& args, std::string& output) {
+    TempDir out;
+    const std::string command = std::string(ZQIM_TOOL_BINARY) + " " + args + " >" +
+                                (out / "out").string() + " 2>&1";
+    const int status = std::system(command.c_str());
+    output = ReadFile(out / "out");
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace
+
+// Progress and log lines are followed; the error file's codes add up over a
+// run, and each answer names only those its file added. The private
+// directory goes with Stop().
+TEST(Client, FollowsProgressAndReportsOnlyTheCodesAFileAdded) {
+    ScratchMount readOnly(64 * 1024, true);
+    TempDir work;
+    const std::string blocked = readOnly.ok() ? (readOnly.path() / "x").string() : "/proc/zqim";
+    zqim::Session helper = Start();
+    const std::string dir = helper.CommDir();
+    const int first = helper.Send("progress 10\nmakeDir " + (work / "made").string() +
+                                  "\nprogress 60\nmakeDir " + blocked + "\nprogress 100\n");
+    std::vector<int> seen;
+    std::vector<std::string> lines;
+    const zqim::Answer a = helper.Wait(
+        first, [&](int p) { seen.push_back(p); },
+        [&](const std::string& line) { lines.push_back(line); });
+    ASSERT_TRUE(a.finished && !a.died);
+    EXPECT_FALSE(seen.empty());
+    EXPECT_EQ(seen.back(), 100);
+    EXPECT_TRUE(fs::is_directory(work / "made"));
+    EXPECT_NE(lines.at(lines.size() - 2).find("DoMakeDir(" + blocked + ") - Result was:"),
+              std::string::npos);
+    ASSERT_EQ(a.codes.size(), 1u) << "makeDir on a read-only volume records a code";
+    EXPECT_EQ(a.newCodes, a.codes);
+    EXPECT_FALSE(fs::exists(dir + "/ZQCmd1.txt") || fs::exists(dir + "/ZQCmd1.zqfin"));
+
+    // The second file adds 2006 (and stops the helper); the first code comes
+    // again in its error file but is not new.
+    const zqim::Answer b = helper.Wait(helper.Send("copyDest x\n"));
+    ASSERT_TRUE(b.finished);
+    EXPECT_EQ(b.newCodes, std::vector<int>{2006});
+    EXPECT_EQ(b.codes.size(), 2u);
+    EXPECT_EQ(zqim::CodeName(2006), "pair command out of order");
+    EXPECT_EQ(helper.Stop(), "exit status 0");
+    EXPECT_FALSE(fs::exists(dir));
+}
+
+// A helper killed while it works on a file is reported as having died on
+// that file, and how.
+TEST(Client, HelperKilledMidFileIsReportedAsDiedOnIt) {
+    TempDir comm;
+    zqim::Session helper = Start(comm.path().string());
+    ASSERT_TRUE(helper.Wait(helper.Send("progress 1\n")).finished);
+    const int number = helper.Send("exec sleep 30\n");
+    std::thread killer([&] {
+        for (int i = 0; i < 200 && !fs::exists(comm / "ZQIMLog.txt"); ++i)
+            std::this_thread::sleep_for(10ms);
+        while (ReadFile(comm / "ZQIMLog.txt").find("Executing: sleep") == std::string::npos)
+            std::this_thread::sleep_for(10ms);
+        kill(helper.Pid(), SIGKILL);
+    });
+    const zqim::Answer a = helper.Wait(number, {}, {}, 20s);
+    killer.join();
+    EXPECT_TRUE(a.died && !a.finished && a.number == 2);
+    EXPECT_EQ(a.how.rfind("killed by signal 9", 0), 0u) << a.how;
+}
+
+// A command file is complete under its own name before its signal file
+// appears: it is written under another name and renamed into place.
+TEST(Client, CommandFileIsInPlaceWholeBeforeItsSignal) {
+#ifdef __linux__
+    TempDir comm;
+    zqim::Session::Options options;
+    options.helper = "/nonexistent/helper";  // nothing reads the files here
+    options.commDir = comm.path().string();
+    zqim::Session session = zqim::Session::Start(options);
+    const int watch = inotify_init1(IN_NONBLOCK);
+    ASSERT_GE(inotify_add_watch(watch, comm.path().c_str(),
+                                IN_CREATE | IN_MOVED_TO | IN_CLOSE_WRITE | IN_MODIFY),
+              0);
+    session.Send(std::string(1 << 20, '#') + "\nexit\n");
+    std::string events;
+    alignas(inotify_event) char raw[64 * 1024];
+    const ssize_t size = read(watch, raw, sizeof raw);
+    for (ssize_t at = 0; at < size; at += sizeof(inotify_event) + ((inotify_event*)&raw[at])->len) {
+        const inotify_event* e = (inotify_event*)&raw[at];
+        const std::string name = e->len ? e->name : "";
+        if (name.rfind("ZQCmd1.", 0) == 0)
+            events += name + ((e->mask & IN_MOVED_TO) ? ":moved|" : (e->mask & IN_CREATE) ? ":created|" : ":written|");
+    }
+    close(watch);
+    EXPECT_EQ(events.substr(0, events.find("ZQCmd1.zqsig")), "ZQCmd1.txt:moved|") << events;
+    EXPECT_NE(events.find("ZQCmd1.zqsig:created|"), std::string::npos) << events;
+    EXPECT_EQ(ReadFile(comm / "ZQCmd1.txt").size(), (1u << 20) + 6);
+#else
+    GTEST_SKIP() << "the order of file events is watched with inotify";
+#endif
+}
+
+// zqim run sends each file in turn and sums up; the exit status says
+// whether any file recorded an error. With --check, a file with an error is
+// refused before anything runs; zqim check gives 0, 1 or 2.
+TEST(ZqimTool, RunsFilesSumsUpAndChecksFirst) {
+    TempDir work;
+    WriteFile(work / "one.txt", "progress 50\nmakeDir " + (work / "made").string() + "\n");
+    WriteFile(work / "two.txt",
+              "setRoot " + work.path().string() + "\ncopySrc /nowhere\ncopyDest x\nexit\n");
+    WriteFile(work / "bad.txt", "copySrc /a\nsetRoot /r\ncopyDest b\nexit\n");
+    const std::string helper = " --helper " + std::string(ZQIM_HELPER_BINARY) + " ";
+    std::string out;
+    EXPECT_EQ(Tool("run" + helper + (work / "one.txt").string() + " " +
+                       (work / "two.txt").string(), out), 1) << out;
+    EXPECT_NE(out.find("ran 2 of 2 command files"), std::string::npos) << out;
+    EXPECT_NE(out.find("one.txt (ZQCmd1): "), std::string::npos) << out;
+    EXPECT_NE(out.find("no new error"), std::string::npos) << out;
+    EXPECT_NE(out.find("new errors: 2003 source not found"), std::string::npos) << out;
+    EXPECT_NE(out.find("helper ended: exit status 0"), std::string::npos) << out;
+    EXPECT_TRUE(fs::is_directory(work / "made"));
+
+    EXPECT_EQ(Tool("run --check" + helper + (work / "bad.txt").string(), out), 2);
+    EXPECT_NE(out.find("bad.txt:3:1: error: 'copyDest' must directly follow 'copySrc'"),
+              std::string::npos) << out;
+    EXPECT_EQ(Tool("check " + (work / "one.txt").string(), out), 1) << out;
+    EXPECT_EQ(Tool("check " + (work / "two.txt").string(), out), 0) << out;
+    EXPECT_EQ(Tool("frobnicate", out), 64);
+}
