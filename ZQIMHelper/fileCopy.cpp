@@ -259,7 +259,11 @@ std::error_code InstallFile(int srcDir, const char* srcName, int dstDir, dev_t d
     (void)dstDev;
     std::error_code ec = MakeTemporaryCopy(in.get(), source, dstDir, temporary, out, modeSet);
 #else
-    std::error_code ec = MakeTemporaryCopy(in.get(), source, dstDir, dstDev, !old, temporary,
+    // Unnamed files save small files a rename, but ext4 copies into them in
+    // the kernel many times slower than into a named file: large files get
+    // a temporary name.
+    const bool unnamed = !old && source.st_size < (1 << 20);
+    std::error_code ec = MakeTemporaryCopy(in.get(), source, dstDir, dstDev, unnamed, temporary,
                                            out, modeSet);
 #endif
     if (ec)

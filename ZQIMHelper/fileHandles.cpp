@@ -53,9 +53,8 @@ static DIR* OpenListing(int dir) {
         errno = error;
         return nullptr;
     }
-    // A duplicate shares the offset: start from the top even if this
-    // directory was listed before.
-    ::rewinddir(stream);
+    // A duplicate shares the offset of `dir`, which is fresh: the walks list
+    // each handle they open once.
     return stream;
 }
 

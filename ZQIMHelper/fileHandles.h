@@ -55,7 +55,8 @@ struct DirEntry {
     EntryType type;
 };
 
-// Reads every entry of the directory `dir` (but "." and ".."), with the type
+// Reads every entry of the directory `dir`, a handle not read from before
+// (but "." and ".."), with the type
 // the listing gives; only where the file system gives none is the entry
 // examined (without following a link), and one that vanished reads Unknown.
 // On a failure midway, `entries` holds what was read before it.

@@ -766,9 +766,8 @@ class Bench:
                 "helper_rss_kb": median([f["rss_kb"] for f in figs["helper"]]),
                 "peer_rss_kb": median([f["rss_kb"] for f in figs["peer"]]),
                 "helper_all_s": [f["wall"] for f in figs["helper"]],
-                "space_ratio": (median([f["space"] for f in figs["helper"]]) /
-                                max(1, median([f["space"] for f in figs["peer"]])))
-                if self.cfg.space else None,
+                "space": (median([f["space"] for f in figs["helper"]]),
+                          median([f["space"] for f in figs["peer"]])) if self.cfg.space else None,
                 "peer_all_s": [f["wall"] for f in figs["peer"]],
             })
             if wl.name == "startup":
@@ -997,8 +996,12 @@ def table(rows):
             continue
         if r["kind"] in ("time", "memory"):
             ratio = "%.2fx" % r["ratio"] if r["ratio"] else "-"
-            if r.get("space_ratio") is not None:
-                ratio += " (space %.2fx)" % r["space_ratio"]
+            if r.get("space") is not None:
+                # Absolute: a copy that shares all its blocks adds next to
+                # nothing on either side, and a ratio of two near-zeros says
+                # nothing.
+                ratio += " (space +%s vs +%s)" % (fmt_mib(r["space"][0] / 1024),
+                                                   fmt_mib(r["space"][1] / 1024))
             hrss = fmt_mib(r["helper_rss_kb"])
             if r["kind"] == "memory":
                 hrss += " (%d B/entry)" % round(r["bytes_per_entry"])
