@@ -41,6 +41,23 @@ std::string gRegHive, gRegPath, gRegValueName, gRegValueType, gRegValueData;
 std::string gShortcutGroup, gShortcutTarget, gShortcutName, gShortcutDescription,
     gShortcutLocation;
 
+void ResetRunState() {
+    gProgressFilepath.clear();
+    gPrevProgress = -1;
+    gErrors.clear();
+    gRoot.clear();
+    gRootIsCrossDevice = false;
+    gUserID = gGroupID = "0";
+    gPermsFullAccess = false;
+    gMovedFiles.clear();
+    for (std::string* s : {&gPlistLocation, &gPlistPath, &gPlistValueName, &gPlistValueType,
+                           &gPlistValueData, &gRegHive, &gRegPath, &gRegValueName,
+                           &gRegValueType, &gRegValueData, &gShortcutGroup, &gShortcutTarget,
+                           &gShortcutName, &gShortcutDescription, &gShortcutLocation})
+        s->clear();
+    handles.clear();
+}
+
 // ---------------------------------------------------------------- start-up
 
 InputParser::InputParser(int& argc, char** argv) {

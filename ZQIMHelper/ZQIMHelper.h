@@ -56,6 +56,10 @@ std::string GetNextCommand(int lastCommand, const std::string& commDir);
 void WriteSignalFile(int command, const std::string& commDir);
 void WriteErrorFile(const std::set<int>& errorCodes, int command, const std::string& commDir);
 
+// Puts the run state (root, ids, stored values, error codes, moved files,
+// the liveness record) back as a freshly started helper has it.
+void ResetRunState();
+
 // Main loop, reader and interpreter.
 void mainLoop();
 int ServiceCommandFile(const std::string& path);

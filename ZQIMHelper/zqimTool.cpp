@@ -23,6 +23,24 @@ const char* kUsage =
     "usage: zqim check [--no-pid] [--format=json] FILE...\n"
     "       zqim run [--comm DIR] [--helper PATH] [--keep] [-v] [--check] FILE...\n";
 
+// Splits the arguments into options and files: `option` takes each
+// argument that begins with "-" (and may take the one after it, through
+// `next`); false for an option it does not know, or no file at all.
+template <typename Option>
+bool ParseArguments(const std::vector<std::string>& args, Option option,
+                    std::vector<std::string>& files) {
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const std::string* next = i + 1 < args.size() ? &args[i + 1] : nullptr;
+        bool tookNext = false;
+        if (args[i].empty() || args[i][0] != '-')
+            files.push_back(args[i]);
+        else if (!option(args[i], next, tookNext))
+            return false;
+        i += tookNext;
+    }
+    return !files.empty();
+}
+
 bool ReadFile(const std::string& path, std::string& text) {
     std::ifstream in(path, std::ios::binary);
     if (!in)
@@ -103,19 +121,17 @@ void PrintFindings(const std::vector<Checked>& checked, bool json) {
 int Check(const std::vector<std::string>& args) {
     bool noPid = false, json = false;
     std::vector<std::string> files;
-    for (const std::string& a : args) {
-        if (a == "--no-pid")
-            noPid = true;
-        else if (a == "--format=json")
-            json = true;
-        else if (a == "--format=text")
-            json = false;
-        else if (!a.empty() && a[0] == '-')
-            return std::cerr << kUsage, 64;
-        else
-            files.push_back(a);
-    }
-    if (files.empty())
+    const bool parsed = ParseArguments(
+        args,
+        [&](const std::string& a, const std::string*, bool&) {
+            if (a == "--no-pid")
+                return noPid = true;
+            if (a == "--format=json" || a == "--format=text")
+                return json = a == "--format=json", true;
+            return false;
+        },
+        files);
+    if (!parsed)
         return std::cerr << kUsage, 64;
     std::vector<Checked> checked;
     const int status = CheckFiles(files, noPid, checked);
@@ -185,22 +201,21 @@ int Run(const std::vector<std::string>& args, const char* argv0) {
     options.helper = DefaultHelper(argv0);
     bool check = false;
     std::vector<std::string> files;
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        const std::string& a = args[i];
-        if ((a == "--comm" || a == "--helper") && i + 1 < args.size())
-            (a == "--comm" ? options.commDir : options.helper) = args[++i];
-        else if (a == "--keep")
-            options.keepFiles = true;
-        else if (a == "-v")
-            options.verbose = true;
-        else if (a == "--check")
-            check = true;
-        else if (!a.empty() && a[0] == '-')
-            return std::cerr << kUsage, 64;
-        else
-            files.push_back(a);
-    }
-    if (files.empty())
+    const bool parsed = ParseArguments(
+        args,
+        [&](const std::string& a, const std::string* next, bool& tookNext) {
+            if ((a == "--comm" || a == "--helper") && next) {
+                (a == "--comm" ? options.commDir : options.helper) = *next;
+                return tookNext = true;
+            }
+            if (a == "--keep")
+                return options.keepFiles = true;
+            if (a == "-v")
+                return options.verbose = true;
+            return a == "--check" && (check = true);
+        },
+        files);
+    if (!parsed)
         return std::cerr << kUsage, 64;
 
     std::vector<std::string> texts(files.size());

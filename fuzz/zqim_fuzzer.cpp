@@ -97,22 +97,6 @@ void BuildFixture() {
     fs::create_directory_symlink("/src", "/root/app/srclink", ec);
 }
 
-void ResetRunState() {
-    gErrors.clear();
-    gRoot.clear();
-    gRootIsCrossDevice = false;
-    gUserID = gGroupID = "0";
-    gPermsFullAccess = false;
-    gPrevProgress = -1;
-    gMovedFiles.clear();
-    for (std::string* s : {&gPlistLocation, &gPlistPath, &gPlistValueName, &gPlistValueType,
-                           &gPlistValueData, &gRegHive, &gRegPath, &gRegValueName,
-                           &gRegValueType, &gRegValueData, &gShortcutGroup, &gShortcutTarget,
-                           &gShortcutName, &gShortcutDescription, &gShortcutLocation})
-        s->clear();
-    handles.clear();
-}
-
 }  // namespace
 
 extern "C" int system(const char* command) {

@@ -62,29 +62,10 @@ static std::vector<std::string> LogMessages(const std::string& logText) {
     return messages;
 }
 
-// Each unit test starts as a freshly started helper.
-static void ResetRunState() {
-    gVerbose = false;
-    gPID = 0;
-    gProgressFilepath.clear();
-    gPrevProgress = -1;
-    gErrors.clear();
-    gRoot.clear();
-    gRootIsCrossDevice = false;
-    gUserID = "0";
-    gGroupID = "0";
-    gPermsFullAccess = false;
-    gMovedFiles.clear();
-    for (std::string* s : {&gPlistLocation, &gPlistPath, &gPlistValueName, &gPlistValueType,
-                           &gPlistValueData, &gRegHive, &gRegPath, &gRegValueName,
-                           &gRegValueType, &gRegValueData, &gShortcutGroup, &gShortcutTarget,
-                           &gShortcutName, &gShortcutDescription, &gShortcutLocation})
-        s->clear();
-    handles.clear();
-}
-
 LogCapture::LogCapture() : file(dir / "log.txt") {
     ResetRunState();
+    gVerbose = false;
+    gPID = 0;
     if (gLogStream.is_open())
         gLogStream.close();
     gLogStream.clear();
