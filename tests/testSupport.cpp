@@ -96,8 +96,14 @@ HelperProcess::HelperProcess(const std::vector<std::string>& args, bool asNobody
     const std::string outPath = (outDir.path() / "stdout.txt").string();
     std::vector<std::string> argv{HelperBinary()};
     argv.insert(argv.end(), args.begin(), args.end());
-    if (asNobody)
+    if (asNobody) {
+        // nobody may be unable to reach the build tree (a checkout under a
+        // private directory, as mktemp -d makes): it runs a copy of the
+        // helper from a directory it can reach.
         fs::permissions(outDir.path(), fs::perms::all, fs::perm_options::add);
+        fs::copy_file(argv[0], outDir.path() / "ZQIMHelper");
+        argv[0] = (outDir.path() / "ZQIMHelper").string();
+    }
     child = fork();
     if (child == 0) {
         int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
