@@ -32,6 +32,10 @@ fi
 bash tools/deps.sh
 
 build=${ZQIM_BUILD_DIR:-build}
+# Homebrew's GoogleTest, where CMake would not look by itself.
+if [ "$(uname)" = Darwin ] && command -v brew >/dev/null; then
+  export CMAKE_PREFIX_PATH=${CMAKE_PREFIX_PATH:-$(brew --prefix)}
+fi
 jobs=$(getconf _NPROCESSORS_ONLN)
 
 fuzzing=no
