@@ -84,6 +84,11 @@ int DoMakeDir(std::string dir) {
 // that root or the helper's user own are followed.
 static int CreateParentsUnderRoot(const std::string& root, const std::string& destination) {
     const fs::path relParent = fs::path(destination).parent_path();
+    const fs::path shown = fs::path(root) / relParent;
+    // No root and no folder: an empty path, which is no directory to make
+    // (logged, and not counted, as it always was).
+    if (shown.empty())
+        return ReportCreateDirsFailure(shown, ErrorOf(EINVAL));
     UniqueFd base, made;
     std::error_code ec = OpenRootFor(root, relParent.native(), base);
     if (ec == std::errc::no_such_file_or_directory && !root.empty()) {
@@ -93,7 +98,7 @@ static int CreateParentsUnderRoot(const std::string& root, const std::string& de
     }
     if (!ec)
         ec = MakeDirsBelow(base.get(), relParent.native(), made);
-    return ec ? ReportCreateDirsFailure(fs::path(root) / relParent, ec) : 0;
+    return ec ? ReportCreateDirsFailure(shown, ec) : 0;
 }
 
 namespace {

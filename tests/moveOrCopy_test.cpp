@@ -43,6 +43,15 @@ TEST(MoveOrCopy, CopiesOverwriteAndKeepLinksAndMissesEndAs2003EvenThroughACycle)
     WriteFile(a, "y");  // moved again, it gets a new entry
     EXPECT_EQ(DoCmdCopy(a, "c", r, true, gMovedFiles), 0);
     EXPECT_EQ(gMovedFiles, (std::map<std::string, std::string>{{a, r + "/c"}, {b, a}}));
+    // No root and no folder: an empty path to create, logged as ever; the
+    // copy lands in the working directory.
+    const fs::path cwd = fs::current_path();
+    fs::current_path(staging.path());
+    EXPECT_EQ(DoCmdCopy(r + "/c", "here", "", false, gMovedFiles), 0);
+    fs::current_path(cwd);
+    EXPECT_TRUE(log.has("ZQIMCreateDirs() - Error creating dir \"\"\"\": Error 22: "
+                        "category=generic, message=Invalid argument."));
+    EXPECT_EQ(ReadFile(staging / "here"), "y");
 }
 
 // The link goes to the root text, "/" and the name. What is in its place is
