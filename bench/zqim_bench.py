@@ -708,7 +708,11 @@ class Bench:
 
     def run_workload(self, wl):
         runs = wl.runs()
-        order = [(rep, side) for rep in range(runs) for side in ("helper", "peer")]
+        # Helper first in even rounds, peer first in odd ones: a run that
+        # pays for what the one before it left (freed memory, dirty pages)
+        # is then as often the peer as the helper.
+        order = [(rep, side) for rep in range(runs)
+                 for side in (("helper", "peer") if rep % 2 == 0 else ("peer", "helper"))]
         self.log("== %s (%s): %d runs each, interleaved" % (wl.label, wl.name, runs))
         figs = {"helper": [], "peer": []}
         error = None
