@@ -3,8 +3,9 @@
 #include "commandKeywords.h"
 
 #include <algorithm>
-#include <cctype>
+#include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -12,8 +13,15 @@ namespace zqim {
 
 namespace {
 
+// White space as the helper's trim sees it: it never sets a locale, so the
+// C locale's six characters. Spelled out, because a program embedding the
+// checker may have set a locale in which other bytes are space.
 bool IsSpace(char c) {
-    return std::isspace(static_cast<unsigned char>(c)) != 0;
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+char FoldCase(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
 // The line as the interpreter trims it, and the column it starts at.
@@ -32,22 +40,28 @@ std::string_view TrimmedValue(std::string_view rest) {
     return Trimmed(rest, ignored);
 }
 
-std::size_t Distance(std::string_view a, std::string_view b) {
+// The edit distance between a and b ignoring case, or `limit` once it is
+// sure to be at least that: most words are far from every keyword, and
+// are given up on after a few letters.
+std::size_t Distance(std::string_view a, std::string_view b, std::size_t limit) {
     std::vector<std::size_t> row(b.size() + 1);
     for (std::size_t j = 0; j <= b.size(); ++j)
         row[j] = j;
     for (std::size_t i = 1; i <= a.size(); ++i) {
         std::size_t diagonal = row[0];
         row[0] = i;
+        std::size_t best = row[0];
         for (std::size_t j = 1; j <= b.size(); ++j) {
             const std::size_t up = row[j];
-            const bool same = std::tolower(static_cast<unsigned char>(a[i - 1])) ==
-                              std::tolower(static_cast<unsigned char>(b[j - 1]));
+            const bool same = FoldCase(a[i - 1]) == FoldCase(b[j - 1]);
             row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (same ? 0 : 1)});
             diagonal = up;
+            best = std::min(best, row[j]);
         }
+        if (best >= limit)
+            return limit;
     }
-    return row[b.size()];
+    return std::min(row[b.size()], limit);
 }
 
 // The keyword an unknown command was most likely meant to be, or empty.
@@ -61,7 +75,7 @@ std::string_view NearestKeyword(std::string_view line) {
     for (const Keyword* k = KeywordsBegin(); k != KeywordsEnd(); ++k) {
         if (word.size() + 2 < k->name.size() || k->name.size() + 2 < word.size())
             continue;  // more than two edits apart whatever they are
-        const std::size_t d = Distance(word, k->name);
+        const std::size_t d = Distance(word, k->name, bestDistance);
         if (d < bestDistance) {
             bestDistance = d;
             best = k->name;
@@ -83,8 +97,9 @@ bool HasDotDot(std::string_view path) {
     return false;
 }
 
+
 std::string Quote(std::string_view text) {
-    return "'" + std::string(text) + "'";
+    return "'" + Printable(text) + "'";
 }
 
 class FileCheck {
@@ -118,9 +133,11 @@ public:
         const std::string name(k->name);
         if (!k->pairStart.empty() && prevCommand != k->pairStart) {
             std::string why = "no " + std::string(k->pairStart) + " before it";
-            if (pairStartLine && prevLine > pairStartLine && pairStartName == k->pairStart)
-                why = "the pair begun on line " + std::to_string(pairStartLine) +
-                      " was broken by line " + std::to_string(prevLine) + " (" + prevCommand + ")";
+            const auto start = pairStarts.find(k->pairStart);
+            if (start != pairStarts.end())
+                why = "the pair begun on line " + std::to_string(start->second.line) +
+                      " was broken by line " + std::to_string(start->second.brokenBy) + " (" +
+                      start->second.breaker + ")";
             Add(Finding::Error, column,
                 Quote(name) + " must directly follow " + Quote(k->pairStart) +
                     " (comments and unknown lines aside): fatal error 2006, the helper stops; " +
@@ -154,12 +171,16 @@ public:
                                                                                line.data()));
         Value(k->command, name, value, column, valueColumn);
 
-        if (StartsPair(k->command)) {
-            pairStartLine = lineNumber;
-            pairStartName = name;
-        }
+        // The first recognised line after a pair's start ends the pair; a
+        // later destination is told which line that was.
+        for (auto& [startName, start] : pairStarts)
+            if (!start.brokenBy) {
+                start.brokenBy = lineNumber;
+                start.breaker = name;
+            }
+        if (StartsPair(k->command))
+            pairStarts[k->name] = PairStart{lineNumber, 0, ""};
         prevCommand = name;
-        prevLine = lineNumber;
     }
 
     void End(int lines) {
@@ -168,6 +189,16 @@ public:
             Add(Finding::Warning, 1,
                 "no exit: after the last file the helper goes on polling until its front-end "
                 "is gone");
+        } else if (!context.lastFile && exitLine) {
+            if (context.oneHelper) {
+                lineNumber = exitLine;
+                Add(Finding::Error, exitColumn,
+                    "the helper ends at this exit: the files after this one are never run");
+            } else {
+                // The next file is for a helper of its own, started with no
+                // root.
+                context.rootSet = false;
+            }
         }
     }
 
@@ -225,7 +256,8 @@ private:
         case Command::Progress: {
             const int n = static_cast<int>(std::strtoul(std::string(value).c_str(), nullptr, 10));
             if (n > 100 || n < 0)
-                Add(Finding::Warning, column, "progress " + std::to_string(n) + " is past 100");
+                Add(Finding::Warning, column,
+                    "progress " + std::to_string(n) + (n < 0 ? " is below 0" : " is past 100"));
             else if (n < progress)
                 Add(Finding::Warning, column,
                     "progress goes down, from " + std::to_string(progress) + " to " +
@@ -234,7 +266,7 @@ private:
             break;
         }
         case Command::Exec:
-            Add(Finding::Note, column, "runs as root, through the shell: " + std::string(value));
+            Add(Finding::Note, column, "runs as root, through the shell: " + Printable(value));
             break;
         case Command::WaitForPID:
             if (context.noPid)
@@ -242,21 +274,29 @@ private:
                     "waitForPID never returns when the helper watches no process (-p)");
             break;
         case Command::Exit:
-            exitLine = lineNumber;
+            if (!exitLine) {
+                exitLine = lineNumber;
+                exitColumn = keywordColumn;
+            }
             break;
         default:
             break;
         }
     }
 
+    struct PairStart {
+        int line;
+        int brokenBy;  // the first recognised line after it, once there is one
+        std::string breaker;
+    };
+
     CheckContext& context;
     int lineNumber = 0;
     std::string prevCommand;
-    int prevLine = 0;
-    std::string pairStartName;
-    int pairStartLine = 0;
+    std::map<std::string_view, PairStart> pairStarts;
     int progress = -1;
     int exitLine = 0;
+    int exitColumn = 0;
     bool afterExitReported = false;
 };
 
@@ -285,6 +325,21 @@ const char* KindName(Finding::Kind kind) {
     case Finding::Warning: return "warning";
     default: return "note";
     }
+}
+
+std::string Printable(std::string_view text) {
+    std::string out;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7f) {
+            char escaped[5];
+            std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
+            out += escaped;
+        } else {
+            out += c;
+        }
+    }
+    return out;
 }
 
 }  // namespace zqim

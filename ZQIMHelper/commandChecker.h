@@ -29,6 +29,11 @@ struct CheckContext {
     bool rootSet = false;
     // This is the run's last file, which should end it with `exit`.
     bool lastFile = true;
+    // The files go to one helper in turn (as `zqim run` sends them): an
+    // exit before the last file ends it, and the later files are never
+    // read. Otherwise a file after one that ends with exit is taken as the
+    // first of a new helper's run.
+    bool oneHelper = false;
 };
 
 // The findings for one command file, in line order. Updates `context` with
@@ -36,5 +41,10 @@ struct CheckContext {
 std::vector<Finding> CheckCommandFile(std::string_view text, CheckContext& context);
 
 const char* KindName(Finding::Kind kind);
+
+// Text from a command file as a message shows it: control bytes (a carriage
+// return, an escape sequence) written as \xNN, so that one finding stays one
+// line and cannot rewrite the terminal it is printed on.
+std::string Printable(std::string_view text);
 
 }  // namespace zqim

@@ -12,6 +12,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string_view text(reinterpret_cast<const char*>(data), size);
     zqim::CheckContext context;
     context.noPid = size % 2 == 1;
+    context.oneHelper = size % 3 == 1;
     context.lastFile = false;
     zqim::CheckCommandFile(text, context);
     context.lastFile = true;

@@ -44,9 +44,12 @@ TEST(Checker, FindsWhatEndsStopsOrMisleadsWithLineAndColumn) {
          {{E, 2, 1, "ends the helper process"}, {E, 3, 1, "ends the helper process"},
           {E, 5, 3, "ends the helper process"}}},
         {"a destination without its start is 2006, naming what broke the pair",
-         "copySrc /s\nsetRoot /r\ncopyDest a\nmoveOrCopyDest b\nlnkResulting l\n" + kEnd,
-         {{E, 3, 1, "broken by line 2 (setRoot)"}, {E, 4, 1, "broken by line 2 (setRoot)"},
-          {E, 5, 1, "no lnkContent before it"}}},
+         "lnkResulting l\ncopySrc /s\nlnkContent t\nsetRoot /r\ncopyDest a\nmoveOrCopyDest b\n"
+         "lnkResulting m\n" + kEnd,
+         {{E, 1, 1, "no lnkContent before it"},
+          {E, 5, 1, "the pair begun on line 2 was broken by line 3 (lnkContent)"},
+          {E, 6, 1, "the pair begun on line 2 was broken by line 3 (lnkContent)"},
+          {E, 7, 1, "the pair begun on line 3 was broken by line 4 (setRoot)"}}},
         {"comments and unknown lines keep a pair; a second destination does not",
          "copySrc /s\n# note\nbogus\ncopyDest a\ncopyDest b\n" + kEnd,
          {{W, 3, 1, "unknown command 'bogus'"}, {E, 5, 1, "broken by line 4 (copyDest)"}}},
@@ -69,9 +72,10 @@ TEST(Checker, FindsWhatEndsStopsOrMisleadsWithLineAndColumn) {
           {W, 8, 14, "'..'"}},
          false, false},
         {"quotes in preferences, progress down or past 100, exec runs as root",
-         "plistValueData a\"b\nprogress 40\nprogress 30\nprogress 120\nexec rm -rf /tmp/x\n" + kEnd,
+         "plistValueData a\"b\nprogress 40\nprogress 30\nprogress 120\nexec rm\r\x1b[2J /x\n" +
+             kEnd,
          {{W, 1, 16, "double quote"}, {W, 3, 10, "goes down, from 40 to 30"},
-          {W, 4, 10, "past 100"}, {N, 5, 6, "runs as root"}}},
+          {W, 4, 10, "past 100"}, {N, 5, 6, "runs as root, through the shell: rm\\x0d\\x1b[2J /x"}}},
         {"no final exit, and lines after an exit", "progress 1\n",
          {{W, 1, 1, "no exit"}}},
         {"lines after exit never run", "exit\nprogress 1\n",
@@ -99,11 +103,24 @@ TEST(Checker, FindsWhatEndsStopsOrMisleadsWithLineAndColumn) {
 }
 
 // The run's state carries from one file to the next: a root set in the
-// first counts in the second, and only the last needs an exit.
-TEST(Checker, FilesOfOneRunShareTheRoot) {
+// first counts in the second, and only the last needs an exit. A file after
+// an exit is a new helper's, with no root; sent to the same helper, it
+// would never run.
+TEST(Checker, FilesOfOneRunShareTheRootUntilAnExit) {
     zqim::CheckContext context;
     context.lastFile = false;
     EXPECT_TRUE(zqim::CheckCommandFile("setRoot /r\n", context).empty());
+    EXPECT_TRUE(zqim::CheckCommandFile("delFile a\n  exit\n", context).empty());
     context.lastFile = true;
-    EXPECT_TRUE(zqim::CheckCommandFile("delFile a\nexit\n", context).empty());
+    const std::vector<Finding> fresh = zqim::CheckCommandFile("delFile a\nexit\n", context);
+    ASSERT_EQ(fresh.size(), 1u);
+    EXPECT_NE(fresh[0].message.find("before any setRoot"), std::string::npos);
+
+    zqim::CheckContext oneHelper;
+    oneHelper.oneHelper = true;
+    oneHelper.lastFile = false;
+    const std::vector<Finding> early = zqim::CheckCommandFile("setRoot /r\n  exit\n", oneHelper);
+    ASSERT_EQ(early.size(), 1u);
+    EXPECT_TRUE(early[0].kind == Finding::Error && early[0].line == 2 && early[0].column == 3)
+        << early[0].message;
 }
