@@ -53,6 +53,34 @@ void WriteAll(const std::string& path, const std::string& content) {
         Fail("cannot write " + path);
 }
 
+[[noreturn]] void Refuse(int error, const std::string& what) {
+    errno = error;
+    Fail(what);
+}
+
+// A directory given for the exchange must be as safe as a private one, and
+// hold nothing of an earlier run: a new helper would run a command file left
+// there, and its old finished file would pass for the new answer.
+void CheckGivenDir(const std::string& dir) {
+    struct stat st;
+    if (::stat(dir.c_str(), &st) != 0)
+        Fail("no communication directory " + dir);
+    if (!S_ISDIR(st.st_mode))
+        Refuse(ENOTDIR, "no communication directory " + dir);
+    if ((st.st_uid != ::geteuid() && st.st_uid != 0) || (st.st_mode & (S_IWGRP | S_IWOTH)))
+        Refuse(EPERM, "communication directory " + dir +
+                          " must be owned by this user or root and writable by no one else");
+    std::error_code ec;
+    for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+        const std::string name = it->path().filename().string();
+        if (name.rfind("ZQCmd", 0) == 0)
+            Refuse(EEXIST, "communication directory " + dir + " holds " + name +
+                               " from an earlier run");
+    }
+    if (ec)
+        Refuse(ec.value(), "cannot list communication directory " + dir);
+}
+
 }  // namespace
 
 std::string CodeName(int code) {
@@ -91,9 +119,7 @@ Session Session::Start(const Options& options) {
         s.dir = pattern;
         s.ownsDir = true;
     } else {
-        struct stat st;
-        if (::stat(options.commDir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
-            Fail("no communication directory " + options.commDir);
+        CheckGivenDir(options.commDir);
         s.dir = options.commDir;
     }
 
@@ -124,7 +150,8 @@ Session Session::Start(const Options& options) {
 
 Session::Session(Session&& other) noexcept
     : dir(std::move(other.dir)), ownsDir(other.ownsDir), keep(other.keep), pid(other.pid),
-      status(other.status), ended(other.ended), lastSent(other.lastSent),
+      status(other.status), ended(other.ended), statusKnown(other.statusKnown),
+      lastSent(other.lastSent),
       seenCodes(std::move(other.seenCodes)), logRead(other.logRead),
       logPartial(std::move(other.logPartial)) {
     other.pid = -1;
@@ -136,14 +163,29 @@ Session::~Session() {
         ::kill(pid, SIGKILL);
         ::waitpid(pid, &status, 0);
     }
+    if (ownsDir && !keep) {
+        std::error_code ec;
+        fs::remove_all(dir, ec);
+    }
 }
 
 bool Session::Running() {
     if (ended || pid <= 0)
         return false;
-    if (::waitpid(pid, &status, WNOHANG) == pid)
+    const pid_t reaped = ::waitpid(pid, &status, WNOHANG);
+    // ECHILD: the program reaps its children itself (or ignores SIGCHLD);
+    // the helper is gone all the same, its status with it.
+    if (reaped == pid || (reaped < 0 && errno == ECHILD)) {
         ended = true;
+        statusKnown = reaped == pid;
+    }
     return !ended;
+}
+
+std::string Session::How() const {
+    if (pid <= 0)
+        return "never started";
+    return statusKnown ? DescribeStatus(status) : "ended, its status collected elsewhere";
 }
 
 std::string Session::File(int number, const char* extension) const {
@@ -207,7 +249,7 @@ Answer Session::Wait(int number, const std::function<void(int)>& progress,
         const bool running = Running();
         if (!running && ReadAll(File(number, ".zqfin"), exists) != "Finished.") {
             answer.died = true;
-            answer.how = pid > 0 ? DescribeStatus(status) : "never started";
+            answer.how = How();
             break;
         }
         follow();
@@ -239,16 +281,16 @@ std::string Session::Stop() {
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         if (Running()) {
             ::kill(pid, SIGKILL);
-            ::waitpid(pid, &status, 0);
+            statusKnown = ::waitpid(pid, &status, 0) == pid;
             ended = true;
         }
     }
-    const std::string how = pid > 0 ? DescribeStatus(status) : "never started";
     if (ownsDir && !keep) {
         std::error_code ec;
         fs::remove_all(dir, ec);
+        ownsDir = false;
     }
-    return how;
+    return How();
 }
 
 }  // namespace zqim

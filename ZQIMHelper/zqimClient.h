@@ -10,7 +10,10 @@
 //
 // Errors: setting up (making the directory, starting the helper, writing a
 // command file) throws std::system_error; what the helper reports, and a
-// helper that died, are values in the Answer.
+// helper that died, are values in the Answer. A directory given for the
+// exchange is refused (EPERM) unless it is owned by this user or root and
+// writable by no one else, and (EEXIST) while it holds ZQCmd files of an
+// earlier run.
 #pragma once
 
 #include <chrono>
@@ -52,7 +55,8 @@ public:
     Session& operator=(Session&&) = delete;
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
-    // Kills a helper still running (use Stop() to end it properly).
+    // Kills a helper still running (use Stop() to end it properly) and
+    // removes a private directory unless keepFiles.
     ~Session();
 
     // Writes the next command file under a temporary name, renames it into
@@ -62,7 +66,9 @@ public:
 
     // Waits for command file `number` to be answered, or for the helper to
     // end without answering it. `progress` is called with each new value
-    // of the progress file, `logLine` with each new line of the log.
+    // of the progress file, `logLine` with each new line of the log. After
+    // `timeout` the answer is neither finished nor died, and the helper
+    // still runs.
     Answer Wait(int number, const std::function<void(int)>& progress = {},
                 const std::function<void(const std::string&)>& logLine = {},
                 std::chrono::milliseconds timeout = std::chrono::hours(24));
@@ -78,6 +84,7 @@ public:
 private:
     Session() = default;
     std::string File(int number, const char* extension) const;
+    std::string How() const;
     void Forget(int number);
 
     std::string dir;
@@ -86,6 +93,7 @@ private:
     pid_t pid = -1;
     int status = 0;
     bool ended = false;
+    bool statusKnown = true;
     int lastSent = 0;
     std::set<int> seenCodes;
     std::size_t logRead = 0;

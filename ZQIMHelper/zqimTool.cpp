@@ -51,20 +51,51 @@ bool ReadFile(const std::string& path, std::string& text) {
     return true;
 }
 
+// The length of the well-formed UTF-8 sequence that starts at `at`, or 0.
+std::size_t Utf8Length(const std::string& text, std::size_t at) {
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    const unsigned char lead = byte(at);
+    std::size_t length = 0;
+    unsigned char low = 0x80, high = 0xbf;  // the second byte's range
+    if (lead >= 0xc2 && lead <= 0xdf) {
+        length = 2;
+    } else if (lead >= 0xe0 && lead <= 0xef) {
+        length = 3;
+        low = lead == 0xe0 ? 0xa0 : low;    // no overlong forms
+        high = lead == 0xed ? 0x9f : high;  // no surrogates
+    } else if (lead >= 0xf0 && lead <= 0xf4) {
+        length = 4;
+        low = lead == 0xf0 ? 0x90 : low;
+        high = lead == 0xf4 ? 0x8f : high;  // nothing past U+10FFFF
+    }
+    if (length == 0 || at + length > text.size())
+        return 0;
+    for (std::size_t i = 1; i < length; ++i)
+        if (byte(at + i) < (i == 1 ? low : 0x80) || byte(at + i) > (i == 1 ? high : 0xbf))
+            return 0;
+    return length;
+}
+
 std::string JsonString(const std::string& text) {
     std::string out = "\"";
-    for (unsigned char c : text) {
+    for (std::size_t at = 0; at < text.size();) {
+        const auto c = static_cast<unsigned char>(text[at]);
+        const std::size_t length = c < 0x80 ? 1 : Utf8Length(text, at);
         if (c == '"' || c == '\\') {
             out += '\\';
             out += static_cast<char>(c);
-        } else if (c < 0x20 || c >= 0x7f) {
-            // Bytes, not characters: command files need not be UTF-8.
+        } else if (c < 0x20 || length == 0) {
+            // Command files need not be UTF-8: a byte that is not part of a
+            // character is written as the code point of the same number.
             char escaped[8];
             std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
             out += escaped;
         } else {
-            out += static_cast<char>(c);
+            out.append(text, at, length);
+            at += length;
+            continue;
         }
+        ++at;
     }
     return out + "\"";
 }
@@ -74,11 +105,14 @@ struct Checked {
     std::vector<zqim::Finding> findings;
 };
 
-// Checks the files as the command files of one run, in order. Returns the
-// exit status: 2 with an error, 1 with warnings only, else 0.
-int CheckFiles(const std::vector<std::string>& files, bool noPid, std::vector<Checked>& out) {
+// Checks the files as the command files of one run, in order (sent to one
+// helper with `oneHelper`). Returns the exit status: 2 with an error, 1 with
+// warnings only, else 0.
+int CheckFiles(const std::vector<std::string>& files, bool noPid, bool oneHelper,
+               std::vector<Checked>& out) {
     zqim::CheckContext context;
     context.noPid = noPid;
+    context.oneHelper = oneHelper;
     int status = 0;
     for (std::size_t i = 0; i < files.size(); ++i) {
         std::string text;
@@ -134,7 +168,7 @@ int Check(const std::vector<std::string>& args) {
     if (!parsed)
         return std::cerr << kUsage, 64;
     std::vector<Checked> checked;
-    const int status = CheckFiles(files, noPid, checked);
+    const int status = CheckFiles(files, noPid, false, checked);
     PrintFindings(checked, json);
     return status;
 }
@@ -151,10 +185,11 @@ std::string DefaultHelper(const char* argv0) {
     return "ZQIMHelper";
 }
 
-// One file's progress: a bar redrawn in place on a terminal, lines elsewhere.
+// One file's progress: a bar redrawn in place on a terminal, lines elsewhere;
+// with `verbose`, every line of the helper's log too.
 class Display {
 public:
-    explicit Display(bool terminal) : terminal(terminal) {}
+    Display(bool terminal, bool verbose) : terminal(terminal), verbose(verbose) {}
 
     void Start(const std::string& file) {
         name = file;
@@ -171,8 +206,12 @@ public:
         Draw();
     }
     void Log(const std::string& line) {
+        // A log line quotes paths from the command file: control bytes in
+        // them must not move the cursor or end the bar's line.
+        if (verbose)
+            std::cout << (terminal ? "\r\033[K    " : "    ") << zqim::Printable(line) << "\n";
         // Without its time stamp.
-        last = line.size() > 22 && line[19] == 'Z' ? line.substr(22) : line;
+        last = zqim::Printable(line.size() > 22 && line[19] == 'Z' ? line.substr(22) : line);
         Draw();
     }
     void Done() {
@@ -191,7 +230,7 @@ private:
                   << last.substr(0, 60) << std::flush;
     }
 
-    bool terminal;
+    bool terminal, verbose;
     std::string name, last;
     int percent = 0;
 };
@@ -224,7 +263,7 @@ int Run(const std::vector<std::string>& args, const char* argv0) {
             return std::cerr << "zqim: cannot read " << files[i] << "\n", 66;
     if (check) {
         std::vector<Checked> checked;
-        if (CheckFiles(files, false, checked) == 2) {
+        if (CheckFiles(files, false, true, checked) == 2) {
             PrintFindings(checked, false);
             std::cerr << "zqim: not run: the files have errors\n";
             return 2;
@@ -232,7 +271,7 @@ int Run(const std::vector<std::string>& args, const char* argv0) {
     }
 
     zqim::Session helper = zqim::Session::Start(options);
-    Display display(::isatty(1));
+    Display display(::isatty(1), options.verbose);
     std::vector<std::pair<std::string, zqim::Answer>> answers;
     bool failed = false;
     for (std::size_t i = 0; i < files.size() && !failed; ++i) {

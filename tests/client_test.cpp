@@ -15,7 +15,9 @@
 #include <sys/inotify.h>
 #endif
 
+#include <cerrno>
 #include <cstdio>
+#include <system_error>
 #include <thread>
 
 using namespace zqimtest;
@@ -104,6 +106,25 @@ TEST(Client, HelperKilledMidFileIsReportedAsDiedOnIt) {
     EXPECT_EQ(a.how.rfind("killed by signal 9", 0), 0u) << a.how;
 }
 
+// A given directory is refused while others may write to it, or while it
+// holds a command file of an earlier run, which a new helper would run.
+TEST(Client, GivenDirectoryMustBePrivateAndHoldNoEarlierRun) {
+    TempDir comm;
+    auto refusal = [&] {
+        try {
+            Start(comm.path().string());
+        } catch (const std::system_error& e) {
+            return e.code().value();
+        }
+        return 0;
+    };
+    fs::permissions(comm.path(), fs::perms::others_write, fs::perm_options::add);
+    EXPECT_EQ(refusal(), EPERM);
+    fs::permissions(comm.path(), fs::perms::others_write, fs::perm_options::remove);
+    WriteFile(comm / "ZQCmd3.zqfin", "Finished.");
+    EXPECT_EQ(refusal(), EEXIST);
+}
+
 // A command file is complete under its own name before its signal file
 // appears: it is written under another name and renamed into place.
 TEST(Client, CommandFileIsInPlaceWholeBeforeItsSignal) {
@@ -147,8 +168,9 @@ TEST(ZqimTool, RunsFilesSumsUpAndChecksFirst) {
     WriteFile(work / "bad.txt", "copySrc /a\nsetRoot /r\ncopyDest b\nexit\n");
     const std::string helper = " --helper " + std::string(ZQIM_HELPER_BINARY) + " ";
     std::string out;
-    EXPECT_EQ(Tool("run" + helper + (work / "one.txt").string() + " " +
+    EXPECT_EQ(Tool("run -v" + helper + (work / "one.txt").string() + " " +
                        (work / "two.txt").string(), out), 1) << out;
+    EXPECT_NE(out.find("Z: ServiceCommand() - progress is now: 50\n"), std::string::npos) << out;
     EXPECT_NE(out.find("ran 2 of 2 command files"), std::string::npos) << out;
     EXPECT_NE(out.find("one.txt (ZQCmd1): "), std::string::npos) << out;
     EXPECT_NE(out.find("no new error"), std::string::npos) << out;
@@ -161,5 +183,10 @@ TEST(ZqimTool, RunsFilesSumsUpAndChecksFirst) {
               std::string::npos) << out;
     EXPECT_EQ(Tool("check " + (work / "one.txt").string(), out), 1) << out;
     EXPECT_EQ(Tool("check " + (work / "two.txt").string(), out), 0) << out;
+    // JSON keeps UTF-8 as it is; other bytes become code points.
+    WriteFile(work / "typo.txt", "d\xc3\xa9lFile /a\xff\nexit\n");
+    EXPECT_EQ(Tool("check --format=json " + (work / "typo.txt").string(), out), 1) << out;
+    EXPECT_NE(out.find("\"unknown command 'd\xc3\xa9lFile /a\\u00ff' is skipped; did you mean "
+                       "'delFile'?\""), std::string::npos) << out;
     EXPECT_EQ(Tool("frobnicate", out), 64);
 }
