@@ -121,6 +121,9 @@ Session Session::Start(const Options& options) {
     } else {
         CheckGivenDir(options.commDir);
         s.dir = options.commDir;
+        // The new helper empties an earlier run's log as it starts; until
+        // then the log follower would take its lines for this run's.
+        ::unlink((s.dir + "/ZQIMLog.txt").c_str());
     }
 
     std::vector<std::string> args{options.helper, "-c", s.dir, "-p", std::to_string(::getpid())};

@@ -13,7 +13,7 @@
 // helper that died, are values in the Answer. A directory given for the
 // exchange is refused (EPERM) unless it is owned by this user or root and
 // writable by no one else, and (EEXIST) while it holds ZQCmd files of an
-// earlier run.
+// earlier run; an earlier run's log there is removed.
 #pragma once
 
 #include <chrono>

@@ -87,11 +87,18 @@ TEST(Client, FollowsProgressAndReportsOnlyTheCodesAFileAdded) {
 }
 
 // A helper killed while it works on a file is reported as having died on
-// that file, and how.
+// that file, and how. The log followed in a given directory is this run's,
+// not an earlier one's.
 TEST(Client, HelperKilledMidFileIsReportedAsDiedOnIt) {
     TempDir comm;
+    WriteFile(comm / "ZQIMLog.txt", std::string(100, '\n') + "an earlier run\n");
     zqim::Session helper = Start(comm.path().string());
-    ASSERT_TRUE(helper.Wait(helper.Send("progress 1\n")).finished);
+    std::string lines;
+    ASSERT_TRUE(helper.Wait(helper.Send("progress 1\n"), {}, [&](const std::string& line) {
+        lines += line + "\n";
+    }).finished);
+    EXPECT_EQ(lines.find("earlier"), std::string::npos) << lines;
+    EXPECT_NE(lines.find("Z: Found command file 1: "), std::string::npos) << lines;
     const int number = helper.Send("exec sleep 30\n");
     std::thread killer([&] {
         for (int i = 0; i < 200 && !fs::exists(comm / "ZQIMLog.txt"); ++i)
