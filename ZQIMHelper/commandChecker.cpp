@@ -97,7 +97,6 @@ bool HasDotDot(std::string_view path) {
     return false;
 }
 
-
 std::string Quote(std::string_view text) {
     return "'" + Printable(text) + "'";
 }
