@@ -15,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <random>
 #include <vector>
@@ -169,14 +170,24 @@ TEST(Replace, HelperKilledMidCopyLeavesNoTornOrMissingFile) {
         }
         return std::chrono::steady_clock::now() - start;
     };
-    const auto whole = run(std::chrono::microseconds(0));  // new everywhere afterwards
-    for (int i = 0; i < kFiles; ++i)
-        Put(tmp / "root/tree" / std::to_string(i % 6) / std::to_string(i), std::string(kSize, 'o'));
+    auto old = [&] {
+        for (int i = 0; i < kFiles; ++i)
+            Put(tmp / "root/tree" / std::to_string(i % 6) / std::to_string(i),
+                std::string(kSize, 'o'));
+    };
+    // The kills are drawn between a moment known too early (all old) and one
+    // known too late (all new), narrowed after each trial, so that under any
+    // load some land mid-copy.
+    long long early = 0, late = std::chrono::duration_cast<std::chrono::microseconds>(
+                                    run(std::chrono::microseconds(0)))
+                                    .count();
     std::mt19937 random(7);
     int torn = 0, missing = 0, mixed = 0;
-    for (int trial = 0; trial < 8; ++trial) {
-        const auto range = std::chrono::duration_cast<std::chrono::microseconds>(whole).count();
-        run(std::chrono::microseconds(1 + random() % (range + 1)));
+    for (int trial = 0; trial < 40 && (trial < 8 || mixed == 0); ++trial) {
+        old();
+        const long long span = std::max(1LL, late - early);
+        const long long at = early + 1 + static_cast<long long>(random() % span);
+        run(std::chrono::microseconds(at));
         int olds = 0;
         for (int i = 0; i < kFiles; ++i) {
             const std::string content =
@@ -187,6 +198,11 @@ TEST(Replace, HelperKilledMidCopyLeavesNoTornOrMissingFile) {
                     content != std::string(kSize, 'n');
         }
         mixed += olds > 0 && olds < kFiles;
+        // Timing is noisy: a bound moves only while the other stays beyond it.
+        if (olds == kFiles && at < late)
+            early = at;
+        else if (olds == 0 && at > early)
+            late = at;
     }
     EXPECT_EQ(torn + missing, 0);
     EXPECT_GT(mixed, 0) << "no kill landed mid-copy; the trial proves nothing";
