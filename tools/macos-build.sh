@@ -54,8 +54,13 @@ bash tools/apt-install.sh ${need[@]+"${need[@]}"}
 llvm=$(llvm_dir)
 [ -n "$llvm" ] || fail "no LLVM with llvm-lipo, llvm-objdump and llvm-nm under /usr/lib/llvm-*/bin"
 
-command -v npm >/dev/null || skip "npm is missing (Debian: apt-get install npm), and Zig comes from its registry"
-tools/zig/zig --install || skip "the Zig toolchain could not be fetched from the npm registry"
+status=0
+tools/zig/zig --install || status=$?
+case $status in
+  0) ;;
+  3) skip "Zig is not installed, and npm, which installs it, is missing (Debian: apt-get install npm)" ;;
+  *) skip "the Zig toolchain could not be fetched from the npm registry" ;;
+esac
 
 out=${ZQIM_MACOS_BUILD_DIR:-build-macos}
 mkdir -p "$out"
