@@ -53,6 +53,10 @@ gtest_src=${ZQIM_GTEST_SOURCE_DIR:-/usr/src/googletest}
 bash tools/apt-install.sh ${need[@]+"${need[@]}"}
 llvm=$(llvm_dir)
 [ -n "$llvm" ] || fail "no LLVM with llvm-lipo, llvm-objdump and llvm-nm under /usr/lib/llvm-*/bin"
+# The targets are read from CMake's file API with string(JSON).
+cmake_version=$(cmake --version | awk 'NR == 1 { print $3 }')
+[ "$(printf '3.19\n%s\n' "$cmake_version" | sort -V | head -n 1)" = 3.19 ] ||
+  fail "CMake 3.19 or later is needed, not $cmake_version"
 
 status=0
 tools/zig/zig --install || status=$?
