@@ -26,7 +26,7 @@
 #include "ZQIMHelper.h"
 #include "commandChecker.h"
 #include "commandKeywords.h"
-#include "macCommands.h"
+#include "ownershipOps.h"
 
 #include <dlfcn.h>
 #include <fcntl.h>

@@ -4,8 +4,8 @@
 #include "testSupport.h"
 
 #include "ZQIMHelper.h"
-#include "macCommands.h"
-#include "portableCommands.h"
+#include "ownershipOps.h"
+#include "installOps.h"
 
 #include <gtest/gtest.h>
 

@@ -5,7 +5,7 @@
 #include "testSupport.h"
 
 #include "ZQIMHelper.h"
-#include "portableCommands.h"
+#include "installOps.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 #include "testSupport.h"
 
 #include "ZQIMHelper.h"
-#include "macCommands.h"
+#include "ownershipOps.h"
 
 #include <fcntl.h>
 #include <pwd.h>

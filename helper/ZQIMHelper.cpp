@@ -5,8 +5,8 @@
 #include "ZQIMHelper.h"
 
 #include "commandKeywords.h"
-#include "macCommands.h"
-#include "portableCommands.h"
+#include "ownershipOps.h"
+#include "installOps.h"
 
 #include <unistd.h>
 

@@ -1,11 +1,11 @@
 // Operations tied to the host system. The only code that differs between
 // macOS and Linux is how a process's start time is read.
 
-#include "macCommands.h"
+#include "ownershipOps.h"
 
 #include "helperLog.h"
 #include "runState.h"
-#include "portableCommands.h"
+#include "installOps.h"
 #include "treeWalk.h"
 #include "underRoot.h"
 

@@ -1,7 +1,7 @@
 // Platform-neutral file operations. Every file-system call uses the
 // non-throwing error-code form: failures become result codes and one log line.
 
-#include "portableCommands.h"
+#include "installOps.h"
 
 #include "helperLog.h"
 #include "runState.h"
