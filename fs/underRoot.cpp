@@ -1,8 +1,7 @@
 #include "underRoot.h"
 
-#ifdef __APPLE__
-#include <Availability.h>
-#endif
+#include "platform.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -25,15 +24,9 @@ bool TrustedOwner(uid_t owner) {
 std::error_code ReadTrustedLink(int dir, const std::string& name, bool& isLink,
                                 std::string& target) {
     isLink = false;
-#ifdef __APPLE__
-    // O_SYMLINK opens the link itself; O_NONBLOCK keeps a fifo that took the
-    // name from blocking the open.
-    UniqueFd link(::openat(dir, name.c_str(), O_RDONLY | O_SYMLINK | O_NONBLOCK | O_CLOEXEC));
-#else
-    UniqueFd link(::openat(dir, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-#endif
-    if (!link.valid())
-        return LastError();
+    UniqueFd link;
+    if (std::error_code ec = OpenLinkItself(dir, name.c_str(), link))
+        return ec;
     struct stat st;
     if (::fstat(link.get(), &st) != 0)
         return LastError();
@@ -42,34 +35,9 @@ std::error_code ReadTrustedLink(int dir, const std::string& name, bool& isLink,
     isLink = true;
     if (!TrustedOwner(st.st_uid))
         return ErrorOf(EACCES);
-
-    char text[PATH_MAX];
-    ssize_t length;
-#ifdef __APPLE__
-#if __MAC_OS_X_VERSION_MAX_ALLOWED >= 130000
-    if (__builtin_available(macOS 13.0, *)) {
-        length = ::freadlink(link.get(), text, sizeof text);
-    } else
-#endif
-    {
-        // Before freadlink, read by name and make sure the name still holds
-        // the link that was judged.
-        length = ::readlinkat(dir, name.c_str(), text, sizeof text);
-        struct stat again;
-        if (length >= 0 && (::fstatat(dir, name.c_str(), &again, AT_SYMLINK_NOFOLLOW) != 0 ||
-                            again.st_dev != st.st_dev || again.st_ino != st.st_ino ||
-                            !TrustedOwner(again.st_uid)))
-            return ErrorOf(EACCES);
-    }
-#else
-    length = ::readlinkat(link.get(), "", text, sizeof text);
-#endif
-    if (length < 0)
-        return LastError();
-    if (static_cast<std::size_t>(length) >= sizeof text)
-        return ErrorOf(ENAMETOOLONG);
-    target.assign(text, static_cast<std::size_t>(length));
-    return {};
+    uid_t owner;
+    const std::error_code ec = ReadHeldLink(link.get(), dir, name.c_str(), st, target, owner);
+    return TrustedOwner(owner) ? ec : ErrorOf(EACCES);
 }
 
 std::error_code Walk(int start, std::string_view rel, bool create, int& hops, UniqueFd& out) {
@@ -85,15 +53,16 @@ std::error_code Walk(int start, std::string_view rel, bool create, int& hops, Un
         if (name.empty() || name == ".")
             continue;
 
-        UniqueFd next = OpenDirAt(current, name.c_str());
-        int error = next.valid() ? 0 : errno;
-        if (error == ENOENT && create) {
-            if (::mkdirat(current, name.c_str(), 0777) != 0 && errno != EEXIST)
-                return LastError();
-            next = OpenDirAt(current, name.c_str());
-            error = next.valid() ? 0 : errno;
+        UniqueFd next;
+        std::error_code error = OpenDirAt(current, name.c_str(), next);
+        if (error == std::errc::no_such_file_or_directory && create) {
+            error = MakeDirAt(current, name.c_str(), 0777);
+            if (error && error != std::errc::file_exists)
+                return error;
+            error = OpenDirAt(current, name.c_str(), next);
         }
-        if (error == ENOTDIR || error == ELOOP) {
+        if (error == std::errc::not_a_directory ||
+            error == std::errc::too_many_symbolic_link_levels) {
             bool isLink;
             std::string target;
             if (std::error_code ec = ReadTrustedLink(current, name, isLink, target))
@@ -104,9 +73,8 @@ std::error_code Walk(int start, std::string_view rel, bool create, int& hops, Un
                 return ErrorOf(ELOOP);
             UniqueFd top;
             if (!target.empty() && target[0] == '/') {
-                top = OpenDirAt(AT_FDCWD, "/", true);
-                if (!top.valid())
-                    return LastError();
+                if (std::error_code ec = OpenDirAt(AT_FDCWD, "/", top, true))
+                    return ec;
             }
             std::error_code ec = Walk(top.valid() ? top.get() : current, target, false, hops, next);
             // A link whose target is missing is in the way of a directory to
@@ -115,16 +83,15 @@ std::error_code Walk(int start, std::string_view rel, bool create, int& hops, Un
                 ec = ErrorOf(EEXIST);
             if (ec)
                 return ec;
-        } else if (error != 0) {
-            return ErrorOf(error);
+        } else if (error) {
+            return error;
         }
         owned = std::move(next);
         current = owned.get();
     }
     if (!owned.valid()) {
-        owned = OpenDirAt(start, ".");
-        if (!owned.valid())
-            return LastError();
+        if (std::error_code ec = OpenDirAt(start, ".", owned))
+            return ec;
     }
     out = std::move(owned);
     return {};
@@ -134,8 +101,7 @@ std::error_code Walk(int start, std::string_view rel, bool create, int& hops, Un
 
 std::error_code OpenRootFor(const std::string& root, std::string_view rel, UniqueFd& out) {
     const char* base = !rel.empty() && rel[0] == '/' ? "/" : root.empty() ? "." : root.c_str();
-    out = OpenDirAt(AT_FDCWD, base, true);
-    return out.valid() ? std::error_code() : LastError();
+    return OpenDirAt(AT_FDCWD, base, out, true);
 }
 
 std::error_code OpenDirBelow(int base, std::string_view rel, UniqueFd& out) {

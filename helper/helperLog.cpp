@@ -3,10 +3,6 @@
 #include <ctime>
 #include <iostream>
 
-bool gVerbose = false;
-std::ofstream gLogStream;
-std::set<int> gErrors;
-
 void InitLog(const std::string& path) {
     gLogStream.open(path, std::ios::out | std::ios::trunc);
     ZQIMLog("Opened Log at: " + path);
@@ -31,4 +27,11 @@ void CloseLog() {
     ZQIMLog("Closing log.");
     gLogStream.flush();
     gLogStream.close();
+}
+
+std::string PrintErrorCode(std::error_code ec) {
+    std::ostringstream text;
+    text << "Error " << ec.value() << ": category=" << ec.category().name()
+         << ", message=" << ec.message();
+    return text.str();
 }

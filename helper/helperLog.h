@@ -1,22 +1,26 @@
-// The helper's log and the set of error codes it reports: what every
-// operation writes to, whatever drives it.
+// The helper's log: what every operation writes to, whatever drives it, and
+// the one rendering of a system error in its text.
 #pragma once
 
-#include <fstream>
-#include <set>
+#include "runState.h"
+
+#include <sstream>
 #include <string>
-
-// When set (-v), every log line is also echoed to standard output.
-extern bool gVerbose;
-
-// The log file, opened by InitLog.
-extern std::ofstream gLogStream;
-
-// Codes reported by the operations; written to every error file and never
-// emptied, so a later error file repeats the codes of earlier command files.
-extern std::set<int> gErrors;
+#include <system_error>
 
 void InitLog(const std::string& path);
 // One time-stamped line, flushed at once.
 void ZQIMLog(const std::string& message);
+// The same for a line made of several parts, each written as a stream writes
+// it (a path in quotes, a bool as 0 or 1), and logged with one call.
+template <typename First, typename Second, typename... Rest>
+void ZQIMLog(const First& first, const Second& second, const Rest&... rest) {
+    std::ostringstream line;
+    line << first << second;
+    ((line << rest), ...);
+    ZQIMLog(line.str());
+}
 void CloseLog();
+
+// "Error <value>: category=<name>, message=<message>".
+std::string PrintErrorCode(std::error_code ec);

@@ -1,26 +1,20 @@
-// Platform-neutral file operations: directory creation, error rendering, move
-// or copy, deleting files and folder trees, running shell commands.
+// Putting things in place: directories, and moving or copying below the root.
 #pragma once
 
 #include <filesystem>
 #include <map>
 #include <string>
-#include <system_error>
-#include <vector>
 
-std::string PrintErrorCode(std::error_code ec);
+// Creates `dir` and its missing parents; a failure is logged and becomes a
+// result code (also recorded in gErrors where it counts).
 int ZQIMCreateDirs(std::filesystem::path dir);
 int DoMakeDir(std::string dir);
 
+// Moves (or copies) `source` to `destination` below `root`, recording moves
+// in `movedFiles`. A move refused as cross-device sets `rootIsCrossDevice`,
+// and from then on the root's moves copy.
 int DoCmdCopy(std::string source, std::string destination, std::string root, bool move,
-              std::map<std::string, std::string>& movedFiles);
+              std::map<std::string, std::string>& movedFiles, bool& rootIsCrossDevice);
 int ZQIMMoveOrCopyFile(std::filesystem::path source, std::filesystem::path destination,
-                       bool move, std::map<std::string, std::string>& movedFiles);
-
-int DoDelFile(std::string root, std::string file);
-
-// Removes `p` as given, and once more after a pause if that failed.
-std::error_code DeleteWithRetry(std::filesystem::path p);
-int DoDelFolder(std::string folder);
-
-int DoExec(std::string command);
+                       bool move, std::map<std::string, std::string>& movedFiles,
+                       bool& rootIsCrossDevice);

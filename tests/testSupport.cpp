@@ -1,7 +1,7 @@
 #include "testSupport.h"
 
-#include "ZQIMHelper.h"
-#include "ownershipOps.h"
+#include "liveness.h"
+#include "runState.h"
 
 #include <fcntl.h>
 #include <pwd.h>
@@ -64,6 +64,7 @@ static std::vector<std::string> LogMessages(const std::string& logText) {
 
 LogCapture::LogCapture() : file(dir / "log.txt") {
     ResetRunState();
+    ResetLiveness();
     gVerbose = false;
     gPID = 0;
     if (gLogStream.is_open())
