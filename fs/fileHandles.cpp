@@ -73,10 +73,6 @@ std::error_code ChangeOwnerAt(int dir, const char* name, uid_t user, gid_t group
     return Outcome(::fchownat(dir, name, user, group, AT_SYMLINK_NOFOLLOW));
 }
 
-bool IsLinkAt(int dir, const char* name, struct stat& st) {
-    return ::fstatat(dir, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode);
-}
-
 static EntryType TypeOfMode(mode_t mode) {
     if (S_ISDIR(mode))
         return EntryType::Directory;

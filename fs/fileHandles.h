@@ -51,9 +51,6 @@ std::error_code OpenFileAt(int dir, const char* name, int flags, UniqueFd& out, 
 // The status of `name` in `dir`: of a link itself unless `follow`.
 std::error_code StatAt(int dir, const char* name, struct stat& st, bool follow = false);
 
-// True when `name` in `dir` is itself a symbolic link; `st` gets its status.
-bool IsLinkAt(int dir, const char* name, struct stat& st);
-
 // What a listing says of an entry.
 enum class EntryType : unsigned char { Directory, Link, Other, Unknown };
 

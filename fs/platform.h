@@ -19,8 +19,9 @@ std::string ReadProcessStartTime(unsigned long pid);
 
 // ------------------------------------------------------ symbolic links
 
-// Opens the link `name` in `dir` itself, never what it points to, without
-// blocking should a fifo have taken the name.
+// Opens the entry `name` in `dir` itself: a link is not followed, and a fifo
+// that took the name does not block the open. Enough to fstat the entry and
+// read a link; a directory is opened again through it to be listed.
 std::error_code OpenLinkItself(int dir, const char* name, UniqueFd& out);
 
 // Reads the text of the link `link` holds open, `name` in `dir` (whose status

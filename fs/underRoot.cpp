@@ -18,25 +18,37 @@ bool TrustedOwner(uid_t owner) {
     return owner == 0 || owner == geteuid();
 }
 
-// Reads the link `name` in `dir` together with its owner, from one handle on
-// the link itself: the owner judged is the owner of the text followed, even
-// if the name is swapped for another link in between.
-std::error_code ReadTrustedLink(int dir, const std::string& name, bool& isLink,
-                                std::string& target) {
-    isLink = false;
-    UniqueFd link;
-    if (std::error_code ec = OpenLinkItself(dir, name.c_str(), link))
+// What stood at a name whose open as a directory failed, judged from one
+// handle on what stands there now.
+enum class Standing { Link, Directory, Other };
+
+// Looks at `name` in `dir` through one handle on the entry itself, never
+// following it. A link is read together with its owner from that handle: the
+// owner judged is the owner of the text followed, even if the name is swapped
+// for another link in between. A directory (the name was swapped back since
+// the failed open) comes back as a handle to walk on with, so a race changes
+// what is acted on, never the outcome.
+std::error_code LookAt(int dir, const std::string& name, Standing& standing,
+                       std::string& target, UniqueFd& directory) {
+    standing = Standing::Other;
+    UniqueFd entry;
+    if (std::error_code ec = OpenLinkItself(dir, name.c_str(), entry))
         return ec;
     struct stat st;
-    if (::fstat(link.get(), &st) != 0)
+    if (::fstat(entry.get(), &st) != 0)
         return LastError();
+    if (S_ISDIR(st.st_mode)) {
+        standing = Standing::Directory;
+        // A handle that only names the directory becomes one that lists it.
+        return OpenDirAt(entry.get(), ".", directory, true);
+    }
     if (!S_ISLNK(st.st_mode))
         return {};
-    isLink = true;
+    standing = Standing::Link;
     if (!TrustedOwner(st.st_uid))
         return ErrorOf(EACCES);
     uid_t owner;
-    const std::error_code ec = ReadHeldLink(link.get(), dir, name.c_str(), st, target, owner);
+    const std::error_code ec = ReadHeldLink(entry.get(), dir, name.c_str(), st, target, owner);
     return TrustedOwner(owner) ? ec : ErrorOf(EACCES);
 }
 
@@ -63,26 +75,36 @@ std::error_code Walk(int start, std::string_view rel, bool create, int& hops, Un
         }
         if (error == std::errc::not_a_directory ||
             error == std::errc::too_many_symbolic_link_levels) {
-            bool isLink;
+            // The open saw a link (or a file) there. What stands there now is
+            // what is acted on, through the one handle that looked at it.
+            Standing standing;
             std::string target;
-            if (std::error_code ec = ReadTrustedLink(current, name, isLink, target))
-                return ec;
-            if (!isLink)
-                return ErrorOf(ENOTDIR);
-            if (--hops < 0)
-                return ErrorOf(ELOOP);
-            UniqueFd top;
-            if (!target.empty() && target[0] == '/') {
-                if (std::error_code ec = OpenDirAt(AT_FDCWD, "/", top, true))
-                    return ec;
+            std::error_code ec = LookAt(current, name, standing, target, next);
+            if (ec == std::errc::no_such_file_or_directory && create && --hops >= 0) {
+                // Gone since: make it again.
+                at -= name.size() + 1;
+                continue;
             }
-            std::error_code ec = Walk(top.valid() ? top.get() : current, target, false, hops, next);
-            // A link whose target is missing is in the way of a directory to
-            // create, exactly as a file would be.
-            if (ec == std::errc::no_such_file_or_directory && create)
-                ec = ErrorOf(EEXIST);
             if (ec)
                 return ec;
+            if (standing == Standing::Other)
+                return ErrorOf(ENOTDIR);
+            if (standing == Standing::Link) {
+                if (--hops < 0)
+                    return ErrorOf(ELOOP);
+                UniqueFd top;
+                if (!target.empty() && target[0] == '/') {
+                    if ((ec = OpenDirAt(AT_FDCWD, "/", top, true)))
+                        return ec;
+                }
+                ec = Walk(top.valid() ? top.get() : current, target, false, hops, next);
+                // A link whose target is missing is in the way of a directory
+                // to create, exactly as a file would be.
+                if (ec == std::errc::no_such_file_or_directory && create)
+                    ec = ErrorOf(EEXIST);
+                if (ec)
+                    return ec;
+            }
         } else if (error) {
             return error;
         }
