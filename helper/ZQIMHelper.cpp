@@ -1,5 +1,5 @@
-// The helper process: start-up, the progress files, the file exchange with
-// the front-end and the main loop.
+// The helper process: start-up, the file exchange with the front-end and
+// the main loop.
 
 #include "ZQIMHelper.h"
 
@@ -82,18 +82,6 @@ int ZQIMHelperMain(int argc, char** argv) {
     mainLoop();
     CloseLog();
     return 0;
-}
-
-// ---------------------------------------------------- log and progress files
-
-void ZQIMWriteProgress(const std::string& path, int progress) {
-    std::ofstream file(path, std::ios::out | std::ios::trunc);
-    file << progress << " %" << '\n';
-    file.flush();
-}
-
-std::string ConvertFromWideStringToUTF8(const std::wstring&) {
-    return "ConvertFromWideStringToUTF8() - Only needed on Windows.";
 }
 
 // ---------------------------------------------------- command-file exchange

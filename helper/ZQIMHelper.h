@@ -1,5 +1,5 @@
-// The helper process: start-up, the progress files, the command-file
-// exchange with the front-end and the main loop.
+// The helper process: start-up, the command-file exchange with the
+// front-end and the main loop.
 #pragma once
 
 #include "helperLog.h"
@@ -22,10 +22,6 @@ private:
 
 // Start-up: everything `main` does; returns the process exit status.
 int ZQIMHelperMain(int argc, char** argv);
-
-// Progress files.
-void ZQIMWriteProgress(const std::string& path, int progress);
-std::string ConvertFromWideStringToUTF8(const std::wstring& text);
 
 // Command-file exchange with the front-end.
 int GetCommandNumberFromCommandFilepath(const std::string& path);

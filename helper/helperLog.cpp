@@ -1,6 +1,7 @@
 #include "helperLog.h"
 
 #include <ctime>
+#include <fstream>
 #include <iostream>
 
 void InitLog(const std::string& path) {
@@ -34,4 +35,14 @@ std::string PrintErrorCode(std::error_code ec) {
     text << "Error " << ec.value() << ": category=" << ec.category().name()
          << ", message=" << ec.message();
     return text.str();
+}
+
+void ZQIMWriteProgress(const std::string& path, int progress) {
+    std::ofstream file(path, std::ios::out | std::ios::trunc);
+    file << progress << " %" << '\n';
+    file.flush();
+}
+
+std::string ConvertFromWideStringToUTF8(const std::wstring&) {
+    return "ConvertFromWideStringToUTF8() - Only needed on Windows.";
 }

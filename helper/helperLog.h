@@ -1,5 +1,5 @@
-// The helper's log: what every operation writes to, whatever drives it, and
-// the one rendering of a system error in its text.
+// The helper's log and progress files: what every operation writes to,
+// whatever drives it, and the one rendering of a system error in its text.
 #pragma once
 
 #include "runState.h"
@@ -21,6 +21,12 @@ void ZQIMLog(const First& first, const Second& second, const Rest&... rest) {
     ZQIMLog(line.str());
 }
 void CloseLog();
+
+// Writes `progress` and " %" to the progress file at `path`, replacing what
+// it held.
+void ZQIMWriteProgress(const std::string& path, int progress);
+// Only the other platform's build converts; here it returns a fixed sentence.
+std::string ConvertFromWideStringToUTF8(const std::wstring& text);
 
 // "Error <value>: category=<name>, message=<message>".
 std::string PrintErrorCode(std::error_code ec);

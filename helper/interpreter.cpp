@@ -3,7 +3,6 @@
 
 #include "interpreter.h"
 
-#include "ZQIMHelper.h"
 #include "commandKeywords.h"
 #include "deleteOps.h"
 #include "helperLog.h"
