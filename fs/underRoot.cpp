@@ -1,6 +1,7 @@
 #include "underRoot.h"
 
 #include "platform.h"
+#include "trust.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -13,10 +14,6 @@ namespace {
 
 // As many links as the kernel itself follows in one lookup.
 constexpr int kMaxLinkHops = 40;
-
-bool TrustedOwner(uid_t owner) {
-    return owner == 0 || owner == geteuid();
-}
 
 // What stood at a name whose open as a directory failed, judged from one
 // handle on what stands there now.
@@ -45,11 +42,11 @@ std::error_code LookAt(int dir, const std::string& name, Standing& standing,
     if (!S_ISLNK(st.st_mode))
         return {};
     standing = Standing::Link;
-    if (!TrustedOwner(st.st_uid))
+    if (!IsTrustedOwner(st.st_uid))
         return ErrorOf(EACCES);
     uid_t owner;
     const std::error_code ec = ReadHeldLink(entry.get(), dir, name.c_str(), st, target, owner);
-    return TrustedOwner(owner) ? ec : ErrorOf(EACCES);
+    return IsTrustedOwner(owner) ? ec : ErrorOf(EACCES);
 }
 
 std::error_code Walk(int start, std::string_view rel, bool create, int& hops, UniqueFd& out) {

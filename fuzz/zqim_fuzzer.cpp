@@ -25,6 +25,7 @@
 #include "interpreter.h"
 #include "liveness.h"
 #include "runState.h"
+#include "trust.h"
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -170,6 +171,7 @@ Outcome Service(std::string_view text) {
     gLogStream.open(gLogPath, std::ios::out | std::ios::trunc);
     ResetRunState();
     ResetLiveness();
+    ForgetFrontEndUser();
 
     EnterPlayground();
     BuildFixture();

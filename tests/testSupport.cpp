@@ -2,6 +2,7 @@
 
 #include "liveness.h"
 #include "runState.h"
+#include "trust.h"
 
 #include <fcntl.h>
 #include <pwd.h>
@@ -65,6 +66,7 @@ static std::vector<std::string> LogMessages(const std::string& logText) {
 LogCapture::LogCapture() : file(dir / "log.txt") {
     ResetRunState();
     ResetLiveness();
+    ForgetFrontEndUser();
     gVerbose = false;
     gPID = 0;
     if (gLogStream.is_open())
