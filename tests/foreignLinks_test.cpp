@@ -3,9 +3,11 @@
 // time nor by swapping a directory for a link while the helper works.
 #include "testSupport.h"
 
-#include "ZQIMHelper.h"
-#include "macCommands.h"
-#include "portableCommands.h"
+#include "deleteOps.h"
+#include "installOps.h"
+#include "linkOps.h"
+#include "ownershipOps.h"
+#include "runState.h"
 
 #include <gtest/gtest.h>
 
@@ -132,10 +134,10 @@ TEST(ForeignLinks, PlantedUserLinkBelowTheRootIsRefusedAndRootsLinkFollowed) {
 
     EXPECT_EQ(DoDelFile(r, "evil/keep"), 2004);
     gRoot = r;
-    EXPECT_EQ(DoCmdSymlink("anywhere", "evil/l"), 2002);
+    EXPECT_EQ(DoCmdSymlink("anywhere", "evil/l", gRoot), 2002);
     // The parent folder is reached first, and refused there.
-    EXPECT_EQ(DoCmdCopy(staged, "evil/f", r, true, gMovedFiles), 2002);
-    EXPECT_EQ(DoCmdCopy(staged, "evil/sub/f", r, false, gMovedFiles), 2002);
+    EXPECT_EQ(DoCmdCopy(staged, "evil/f", r, true, gMovedFiles, gRootIsCrossDevice), 2002);
+    EXPECT_EQ(DoCmdCopy(staged, "evil/sub/f", r, false, gMovedFiles, gRootIsCrossDevice), 2002);
     EXPECT_EQ(Snapshot(victim), before);
     EXPECT_TRUE(fs::exists(tmp / "staged"));
     for (const std::string& m : {std::string("DoDelFile(evil/keep) - error deleting file: generic:13"),
@@ -148,8 +150,8 @@ TEST(ForeignLinks, PlantedUserLinkBelowTheRootIsRefusedAndRootsLinkFollowed) {
                                      "message=Permission denied."})
         EXPECT_TRUE(log.has(m)) << m;
 
-    EXPECT_EQ(DoCmdCopy(staged, "good/sub/f", r, true, gMovedFiles), 0);
-    EXPECT_EQ(DoCmdSymlink("target", "good/sub/l"), 0);
+    EXPECT_EQ(DoCmdCopy(staged, "good/sub/f", r, true, gMovedFiles, gRootIsCrossDevice), 0);
+    EXPECT_EQ(DoCmdSymlink("target", "good/sub/l", gRoot), 0);
     EXPECT_EQ(ReadFile(real / "sub/f"), "payload");
     EXPECT_EQ(fs::read_symlink(real / "sub/l"), "target");
     EXPECT_EQ(DoDelFile(r, "good/sub/f"), 0);
@@ -185,7 +187,7 @@ TEST(ForeignLinks, RacingUserCannotRedirectDeleteOwnershipOrInstall) {
                 Touch(staging / "f", "new");
                 const std::string dest = "d" + std::to_string(f) + "/new";
                 const int moved =
-                    DoCmdCopy((staging / "f").string(), dest, scene.u.string(), true, gMovedFiles);
+                    DoCmdCopy((staging / "f").string(), dest, scene.u.string(), true, gMovedFiles, gRootIsCrossDevice);
                 EXPECT_EQ(moved == 2002, fs::exists(staging / "f")) << moved;
                 EXPECT_TRUE(moved == 0 || moved == 2002) << moved;
             }
