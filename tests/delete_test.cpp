@@ -31,8 +31,8 @@ static Owner OwnerOf(const fs::path& p) {
 // A file's emptied parents are pruned up to the root, which stays; but the
 // root is compared only after a removal, so a root emptied by removing its
 // own entry goes too and the climb goes on above it, and a root with a
-// trailing separator never matches. A folder
-// tree goes longest paths first, files before folders, a subfolder twice.
+// trailing separator never matches. A folder tree goes longest paths first,
+// files before folders, a subfolder twice.
 TEST(Delete, PrunesEmptiedParentsAndRemovesTreesDeepestFirstWithoutFollowingLinks) {
     TempDir tmp;
     LogCapture log;
