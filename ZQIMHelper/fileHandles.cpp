@@ -26,10 +26,6 @@ UniqueFd OpenDirAt(int dir, const char* name, bool follow) {
         ::openat(dir, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | (follow ? 0 : O_NOFOLLOW)));
 }
 
-bool IsLinkAt(int dir, const char* name, struct stat& st) {
-    return ::fstatat(dir, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode);
-}
-
 static EntryType TypeOfMode(mode_t mode) {
     if (S_ISDIR(mode))
         return EntryType::Directory;

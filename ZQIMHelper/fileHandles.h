@@ -44,9 +44,6 @@ std::error_code ErrorOf(int error);
 // is refused (the error is then ENOTDIR or ELOOP, as the system says).
 UniqueFd OpenDirAt(int dir, const char* name, bool follow = false);
 
-// True when `name` in `dir` is itself a symbolic link; `st` gets its status.
-bool IsLinkAt(int dir, const char* name, struct stat& st);
-
 // What a listing says of an entry.
 enum class EntryType : unsigned char { Directory, Link, Other, Unknown };
 

@@ -233,12 +233,17 @@ public:
         return entry.type == EntryType::Directory ? Next::Enter : Next::Skip;
     }
 
+    // Judged by the open's own error: a second look at the name would see
+    // whatever a racing user put back in between.
     bool cannotEnter(DirChain& dir, const std::string& name, std::error_code ec) override {
-        struct stat st;
-        if (IsLinkAt(dir.fd(), name.c_str(), st)) {
+        if (ec == std::errc::too_many_symbolic_link_levels || ec == std::errc::not_a_directory) {
+            // A link (or a file) took the folder's place since it was
+            // listed: what stands there is handed over itself, never followed.
             Change(dir, name);
             return true;
         }
+        if (ec == std::errc::no_such_file_or_directory)
+            return true;
         ReportUnopened(dir.pathOf(name), ec);
         return false;
     }

@@ -380,12 +380,19 @@ public:
         return Next::Skip;
     }
 
+    // Judged by the open's own error: a second look at the name would see
+    // whatever a racing user put back in between.
     bool cannotEnter(DirChain& dir, const std::string& name, std::error_code ec) override {
-        // Swapped for a link since it was listed: the link itself goes.
-        struct stat st;
-        if (IsLinkAt(dir.fd(), name.c_str(), st)) {
+        if (ec == std::errc::too_many_symbolic_link_levels || ec == std::errc::not_a_directory) {
+            // Swapped for a link (or a file) since it was listed: the entry
+            // itself goes. A folder put back by now is not walked: its removal
+            // fails, and is retried once, as any other.
             bool removed;
             folders[pending].removed = !RemoveEntryAt(dir.fd(), name.c_str(), removed);
+            return true;
+        }
+        if (ec == std::errc::no_such_file_or_directory) {
+            folders[pending].removed = true;
             return true;
         }
         std::ostringstream msg;

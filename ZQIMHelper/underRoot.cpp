@@ -19,27 +19,40 @@ bool TrustedOwner(uid_t owner) {
     return owner == 0 || owner == geteuid();
 }
 
-// Reads the link `name` in `dir` together with its owner, from one handle on
-// the link itself: the owner judged is the owner of the text followed, even
-// if the name is swapped for another link in between.
-std::error_code ReadTrustedLink(int dir, const std::string& name, bool& isLink,
-                                std::string& target) {
-    isLink = false;
+// What stood at a name whose open as a directory failed, judged from one
+// handle on what stands there now.
+enum class Standing { Link, Directory, Other };
+
+// Looks at `name` in `dir` through one handle on the entry itself, never
+// following it. A link is read together with its owner from that handle: the
+// owner judged is the owner of the text followed, even if the name is swapped
+// for another link in between. A directory (the name was swapped back since
+// the failed open) comes back as a handle to walk on with, so a race changes
+// what is acted on, never the outcome.
+std::error_code LookAt(int dir, const std::string& name, Standing& standing,
+                       std::string& target, UniqueFd& directory) {
+    standing = Standing::Other;
 #ifdef __APPLE__
     // O_SYMLINK opens the link itself; O_NONBLOCK keeps a fifo that took the
     // name from blocking the open.
-    UniqueFd link(::openat(dir, name.c_str(), O_RDONLY | O_SYMLINK | O_NONBLOCK | O_CLOEXEC));
+    UniqueFd entry(::openat(dir, name.c_str(), O_RDONLY | O_SYMLINK | O_NONBLOCK | O_CLOEXEC));
 #else
-    UniqueFd link(::openat(dir, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    UniqueFd entry(::openat(dir, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
 #endif
-    if (!link.valid())
+    if (!entry.valid())
         return LastError();
     struct stat st;
-    if (::fstat(link.get(), &st) != 0)
+    if (::fstat(entry.get(), &st) != 0)
         return LastError();
+    if (S_ISDIR(st.st_mode)) {
+        standing = Standing::Directory;
+        // A handle that only names the directory becomes one that lists it.
+        directory = UniqueFd(::openat(entry.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        return directory.valid() ? std::error_code() : LastError();
+    }
     if (!S_ISLNK(st.st_mode))
         return {};
-    isLink = true;
+    standing = Standing::Link;
     if (!TrustedOwner(st.st_uid))
         return ErrorOf(EACCES);
 
@@ -48,7 +61,7 @@ std::error_code ReadTrustedLink(int dir, const std::string& name, bool& isLink,
 #ifdef __APPLE__
 #if __MAC_OS_X_VERSION_MAX_ALLOWED >= 130000
     if (__builtin_available(macOS 13.0, *)) {
-        length = ::freadlink(link.get(), text, sizeof text);
+        length = ::freadlink(entry.get(), text, sizeof text);
     } else
 #endif
     {
@@ -62,7 +75,7 @@ std::error_code ReadTrustedLink(int dir, const std::string& name, bool& isLink,
             return ErrorOf(EACCES);
     }
 #else
-    length = ::readlinkat(link.get(), "", text, sizeof text);
+    length = ::readlinkat(entry.get(), "", text, sizeof text);
 #endif
     if (length < 0)
         return LastError();
@@ -94,27 +107,37 @@ std::error_code Walk(int start, std::string_view rel, bool create, int& hops, Un
             error = next.valid() ? 0 : errno;
         }
         if (error == ENOTDIR || error == ELOOP) {
-            bool isLink;
+            // The open saw a link (or a file) there. What stands there now is
+            // what is acted on, through the one handle that looked at it.
+            Standing standing;
             std::string target;
-            if (std::error_code ec = ReadTrustedLink(current, name, isLink, target))
-                return ec;
-            if (!isLink)
-                return ErrorOf(ENOTDIR);
-            if (--hops < 0)
-                return ErrorOf(ELOOP);
-            UniqueFd top;
-            if (!target.empty() && target[0] == '/') {
-                top = OpenDirAt(AT_FDCWD, "/", true);
-                if (!top.valid())
-                    return LastError();
+            std::error_code ec = LookAt(current, name, standing, target, next);
+            if (ec == std::errc::no_such_file_or_directory && create && --hops >= 0) {
+                // Gone since: make it again.
+                at -= name.size() + 1;
+                continue;
             }
-            std::error_code ec = Walk(top.valid() ? top.get() : current, target, false, hops, next);
-            // A link whose target is missing is in the way of a directory to
-            // create, exactly as a file would be.
-            if (ec == std::errc::no_such_file_or_directory && create)
-                ec = ErrorOf(EEXIST);
             if (ec)
                 return ec;
+            if (standing == Standing::Other)
+                return ErrorOf(ENOTDIR);
+            if (standing == Standing::Link) {
+                if (--hops < 0)
+                    return ErrorOf(ELOOP);
+                UniqueFd top;
+                if (!target.empty() && target[0] == '/') {
+                    top = OpenDirAt(AT_FDCWD, "/", true);
+                    if (!top.valid())
+                        return LastError();
+                }
+                ec = Walk(top.valid() ? top.get() : current, target, false, hops, next);
+                // A link whose target is missing is in the way of a directory
+                // to create, exactly as a file would be.
+                if (ec == std::errc::no_such_file_or_directory && create)
+                    ec = ErrorOf(EEXIST);
+                if (ec)
+                    return ec;
+            }
         } else if (error != 0) {
             return ErrorOf(error);
         }
