@@ -19,14 +19,13 @@
 // std::out_of_range from a bare `copyDest`/`lnkResulting`/`lnkContent`, and
 // std::filesystem::filesystem_error from a listing that fails midway in
 // `fixPermsR`. Anything else escaping is a finding.
-//
-// ZQIM_FUZZ_SKIP_NUL=1 ignores inputs holding a NUL byte, so that a long run
-// can look past the known hang on values cut short by a NUL.
 
-#include "ZQIMHelper.h"
 #include "commandChecker.h"
 #include "commandKeywords.h"
-#include "macCommands.h"
+#include "interpreter.h"
+#include "liveness.h"
+#include "runState.h"
+#include "trust.h"
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -57,7 +56,6 @@ thread_local bool tInInput = false;
 int gRealRoot = -1;    // "/" as the fuzzer saw it at start
 int gStartDir = -1;    // the directory the fuzzer was started in
 int gPlayground = -1;  // becomes "/" while an input runs
-bool gSkipNul = false;
 fs::path gLogPath;     // in the jail but outside the playground
 
 template <class Fn>
@@ -136,7 +134,6 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fs::remove_all(jail);
     fs::create_directories(jail / "play");
     gLogPath = jail / "ZQIMLog.txt";
-    gSkipNul = std::getenv("ZQIM_FUZZ_SKIP_NUL") != nullptr;
     gRealRoot = open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     gStartDir = open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     gPlayground = open((jail / "play").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -173,6 +170,8 @@ Outcome Service(std::string_view text) {
     gLogStream.clear();
     gLogStream.open(gLogPath, std::ios::out | std::ios::trunc);
     ResetRunState();
+    ResetLiveness();
+    ForgetFrontEndUser();
 
     EnterPlayground();
     BuildFixture();
@@ -214,8 +213,6 @@ Outcome Service(std::string_view text) {
 // do exactly that when the helper reaches it (checked on that line alone,
 // after its pair's start where it has one).
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (gSkipNul && std::memchr(data, 0, size))
-        return 0;
     const std::string_view text(reinterpret_cast<const char*>(data), size);
     zqim::CheckContext context;
     const std::vector<zqim::Finding> findings = zqim::CheckCommandFile(text, context);

@@ -3,9 +3,9 @@
 // follows a link.
 #include "testSupport.h"
 
-#include "ZQIMHelper.h"
-#include "macCommands.h"
-#include "portableCommands.h"
+#include "deleteOps.h"
+#include "ownershipOps.h"
+#include "runState.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,10 @@
 // The helper under faults and hostile input: full and read-only volumes, no
 // rights, stale and rewritten files, awkward bytes in paths, very deep trees
 // and very long command files. End-to-end through the real binary.
-#include "portableCommands.h"
+#include "deleteOps.h"
+#include "installOps.h"
+#include "interpreter.h"
+#include "ownershipOps.h"
 #include "testSupport.h"
 
 #ifdef __linux__

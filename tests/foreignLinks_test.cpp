@@ -8,9 +8,11 @@
 #undef _FORTIFY_SOURCE
 #include "testSupport.h"
 
-#include "ZQIMHelper.h"
-#include "macCommands.h"
-#include "portableCommands.h"
+#include "deleteOps.h"
+#include "installOps.h"
+#include "linkOps.h"
+#include "ownershipOps.h"
+#include "runState.h"
 #include "treeWalk.h"
 
 #include <gtest/gtest.h>
@@ -190,10 +192,10 @@ TEST(ForeignLinks, PlantedUserLinkBelowTheRootIsRefusedAndRootsLinkFollowed) {
 
     EXPECT_EQ(DoDelFile(r, "evil/keep"), 2004);
     gRoot = r;
-    EXPECT_EQ(DoCmdSymlink("anywhere", "evil/l"), 2002);
+    EXPECT_EQ(DoCmdSymlink("anywhere", "evil/l", gRoot), 2002);
     // The parent folder is reached first, and refused there.
-    EXPECT_EQ(DoCmdCopy(staged, "evil/f", r, true, gMovedFiles), 2002);
-    EXPECT_EQ(DoCmdCopy(staged, "evil/sub/f", r, false, gMovedFiles), 2002);
+    EXPECT_EQ(DoCmdCopy(staged, "evil/f", r, true, gMovedFiles, gRootIsCrossDevice), 2002);
+    EXPECT_EQ(DoCmdCopy(staged, "evil/sub/f", r, false, gMovedFiles, gRootIsCrossDevice), 2002);
     EXPECT_EQ(Snapshot(victim), before);
     EXPECT_TRUE(fs::exists(tmp / "staged"));
     for (const std::string& m : {std::string("DoDelFile(evil/keep) - error deleting file: generic:13"),
@@ -206,8 +208,8 @@ TEST(ForeignLinks, PlantedUserLinkBelowTheRootIsRefusedAndRootsLinkFollowed) {
                                      "message=Permission denied."})
         EXPECT_TRUE(log.has(m)) << m;
 
-    EXPECT_EQ(DoCmdCopy(staged, "good/sub/f", r, true, gMovedFiles), 0);
-    EXPECT_EQ(DoCmdSymlink("target", "good/sub/l"), 0);
+    EXPECT_EQ(DoCmdCopy(staged, "good/sub/f", r, true, gMovedFiles, gRootIsCrossDevice), 0);
+    EXPECT_EQ(DoCmdSymlink("target", "good/sub/l", gRoot), 0);
     EXPECT_EQ(ReadFile(real / "sub/f"), "payload");
     EXPECT_EQ(fs::read_symlink(real / "sub/l"), "target");
     EXPECT_EQ(DoDelFile(r, "good/sub/f"), 0);
@@ -243,7 +245,7 @@ TEST(ForeignLinks, RacingUserCannotRedirectDeleteOwnershipOrInstall) {
                 Touch(staging / "f", "new");
                 const std::string dest = "d" + std::to_string(f) + "/new";
                 const int moved =
-                    DoCmdCopy((staging / "f").string(), dest, scene.u.string(), true, gMovedFiles);
+                    DoCmdCopy((staging / "f").string(), dest, scene.u.string(), true, gMovedFiles, gRootIsCrossDevice);
                 EXPECT_EQ(moved == 2002, fs::exists(staging / "f")) << moved;
                 EXPECT_TRUE(moved == 0 || moved == 2002) << moved;
             }
@@ -278,7 +280,7 @@ TEST(ForeignLinks, FilePlantedAtATemporaryNameIsNeverWrittenThrough) {
     for (const char* name : {"old", "big"}) {
         gAmbush = Ambush{dir.st_dev, dir.st_ino, hard, soft, {}};
         const int result = DoCmdCopy((tmp / "staged" / name).string(), std::string("app/") + name,
-                                     root.string(), false, gMovedFiles);
+                                     root.string(), false, gMovedFiles, gRootIsCrossDevice);
         const Ambush done = gAmbush;
         gAmbush = Ambush{};
         EXPECT_EQ(ReadFile(hard), "root's secret") << name;
@@ -322,7 +324,9 @@ TEST(ForeignLinks, FolderMovedAboveADeepWalkStopsItAsStale) {
         bool moved = false;
     } mover(depth, tmp / "top/d/d", tmp / "away");
 
-    DirChain chain(OpenDirAt(AT_FDCWD, (tmp / "top").c_str()), (tmp / "top").string());
+    UniqueFd top;
+    ASSERT_FALSE(OpenDirAt(AT_FDCWD, (tmp / "top").c_str(), top));
+    DirChain chain(std::move(top), (tmp / "top").string());
     std::error_code ec;
     EXPECT_FALSE(WalkTree(chain, mover, WalkOrder::AsMet, ec));
     EXPECT_TRUE(mover.moved);

@@ -2,7 +2,8 @@
 // time, against a captured log.
 #include "testSupport.h"
 
-#include "ZQIMHelper.h"
+#include "interpreter.h"
+#include "runState.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 // for, then ending with, the process it watches.
 #include "testSupport.h"
 
-#include "macCommands.h"
+#include "liveness.h"
 
 #include <gtest/gtest.h>
 

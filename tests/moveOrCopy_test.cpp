@@ -3,9 +3,10 @@
 // interpreter's tests.
 #include "testSupport.h"
 
-#include "ZQIMHelper.h"
-#include "macCommands.h"
-#include "portableCommands.h"
+#include "deleteOps.h"
+#include "installOps.h"
+#include "linkOps.h"
+#include "runState.h"
 
 #include <gtest/gtest.h>
 
@@ -26,28 +27,28 @@ TEST(MoveOrCopy, CopiesOverwriteAndKeepLinksAndMissesEndAs2003EvenThroughACycle)
     WriteFile(staging / "app/sub/f", "new");
     WriteFile(root / "dest/app/sub/f", "old");
     fs::create_symlink("sub", staging / "app/l");
-    EXPECT_EQ(DoCmdCopy((staging / "app").string(), "dest/app", r, false, gMovedFiles), 0);
+    EXPECT_EQ(DoCmdCopy((staging / "app").string(), "dest/app", r, false, gMovedFiles, gRootIsCrossDevice), 0);
     EXPECT_EQ(ReadFile(root / "dest/app/sub/f"), "new");
     EXPECT_EQ(fs::read_symlink(root / "dest/app/l"), "sub");
     // A file copied onto itself is the one EEXIST that overwriting leaves.
-    EXPECT_EQ(DoCmdCopy(r + "/dest/app/sub/f", "dest/app/sub/f", r, false, gMovedFiles), 4);
+    EXPECT_EQ(DoCmdCopy(r + "/dest/app/sub/f", "dest/app/sub/f", r, false, gMovedFiles, gRootIsCrossDevice), 4);
     EXPECT_EQ(log.messages().back(), "ZQIMMoveOrCopyFile() - Error - File Exists.");
-    EXPECT_EQ(DoCmdCopy(missing, "x", r, false, gMovedFiles), 2003);
+    EXPECT_EQ(DoCmdCopy(missing, "x", r, false, gMovedFiles, gRootIsCrossDevice), 2003);
     EXPECT_EQ(log.messages().back(),
               "ZQIMMoveOrCopyFile(move=false) - Error - Source file not found: " + missing);
     EXPECT_TRUE(gErrors == std::set<int>{2003} && gMovedFiles.empty());
     WriteFile(a, "x");
-    ASSERT_EQ(DoCmdCopy(a, b, "", true, gMovedFiles) + DoCmdCopy(b, a, "", true, gMovedFiles), 0);
+    ASSERT_EQ(DoCmdCopy(a, b, "", true, gMovedFiles, gRootIsCrossDevice) + DoCmdCopy(b, a, "", true, gMovedFiles, gRootIsCrossDevice), 0);
     fs::remove(a);
-    EXPECT_EQ(DoCmdCopy(a, "c", r, true, gMovedFiles), 2003);
+    EXPECT_EQ(DoCmdCopy(a, "c", r, true, gMovedFiles, gRootIsCrossDevice), 2003);
     WriteFile(a, "y");  // moved again, it gets a new entry
-    EXPECT_EQ(DoCmdCopy(a, "c", r, true, gMovedFiles), 0);
+    EXPECT_EQ(DoCmdCopy(a, "c", r, true, gMovedFiles, gRootIsCrossDevice), 0);
     EXPECT_EQ(gMovedFiles, (std::map<std::string, std::string>{{a, r + "/c"}, {b, a}}));
     // No root and no folder: an empty path to create, logged as ever; the
     // copy lands in the working directory.
     const fs::path cwd = fs::current_path();
     fs::current_path(staging.path());
-    EXPECT_EQ(DoCmdCopy(r + "/c", "here", "", false, gMovedFiles), 0);
+    EXPECT_EQ(DoCmdCopy(r + "/c", "here", "", false, gMovedFiles, gRootIsCrossDevice), 0);
     fs::current_path(cwd);
     EXPECT_TRUE(log.has("ZQIMCreateDirs() - Error creating dir \"\"\"\": Error 22: "
                         "category=generic, message=Invalid argument."));
@@ -62,11 +63,11 @@ TEST(Symlink, ReplacesWhatIsInTheWayOnceAndClassifiesFailures) {
     TempDir root;
     const std::string r = root.path().string();
     fs::create_directories(root / "d/inside");
-    EXPECT_EQ(DoCmdSymlink("../nowhere", r.substr(1) + "/l"), 0);  // gRoot is empty
+    EXPECT_EQ(DoCmdSymlink("../nowhere", r.substr(1) + "/l", gRoot), 0);  // gRoot is empty
     gRoot = r;
-    EXPECT_EQ(DoCmdSymlink("new", "l"), 0);
+    EXPECT_EQ(DoCmdSymlink("new", "l", gRoot), 0);
     EXPECT_EQ(fs::read_symlink(root / "l"), "new");
-    EXPECT_EQ(DoCmdSymlink("t", "d"), 2000);
+    EXPECT_EQ(DoCmdSymlink("t", "d", gRoot), 2000);
     EXPECT_EQ(gErrors, (std::set<int>{2000, 2004}));
     auto create = [&r](const std::string& content, const std::string& name) {
         return "DoCmdSymlink() - Create Symlink existingFile:\n" + content +

@@ -4,8 +4,8 @@
 // the file system can.
 #include "testSupport.h"
 
-#include "ZQIMHelper.h"
-#include "portableCommands.h"
+#include "installOps.h"
+#include "runState.h"
 
 #include <gtest/gtest.h>
 
@@ -69,7 +69,7 @@ TEST(Replace, ReinstallOverEarlierVersionReplacesLinksAndFilesKeepingOwners) {
     Bundle(v2, "B", "two");
     Put(victim / "r.txt", "precious");
     const std::string r = root.string();
-    ASSERT_EQ(DoCmdCopy(v1.string(), "App", r, false, gMovedFiles), 0);
+    ASSERT_EQ(DoCmdCopy(v1.string(), "App", r, false, gMovedFiles, gRootIsCrossDevice), 0);
     // What an earlier install or its user left: a handed-over file, a link to
     // elsewhere where the payload has a folder, a dangling link in the way.
     if (IsRoot()) {
@@ -80,7 +80,7 @@ TEST(Replace, ReinstallOverEarlierVersionReplacesLinksAndFilesKeepingOwners) {
     Link("nowhere", app / "Frame.framework/Versions/B");
     Put(app / "extra", "kept");
 
-    EXPECT_EQ(DoCmdCopy(v2.string(), "App", r, false, gMovedFiles), 0);
+    EXPECT_EQ(DoCmdCopy(v2.string(), "App", r, false, gMovedFiles, gRootIsCrossDevice), 0);
     const fs::path fw = app / "Frame.framework";
     EXPECT_EQ(fs::read_symlink(fw / "Versions/Current"), "B");
     EXPECT_EQ(ReadFile(fw / "Frame") + ReadFile(fw / "Headers/f.h"), "twotwo.h");
@@ -93,7 +93,7 @@ TEST(Replace, ReinstallOverEarlierVersionReplacesLinksAndFilesKeepingOwners) {
     // The earlier version's file, copied again over itself: its owner stays,
     // its mode follows the source's; and a file onto itself is left alone.
     fs::permissions(v1 / "Frame.framework/Versions/A/Frame", fs::perms(0751));
-    EXPECT_EQ(DoCmdCopy(v1.string(), "App", r, false, gMovedFiles), 0);
+    EXPECT_EQ(DoCmdCopy(v1.string(), "App", r, false, gMovedFiles, gRootIsCrossDevice), 0);
     struct stat st {};
     ASSERT_EQ(lstat((fw / "Versions/A/Frame").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0751u);
@@ -101,7 +101,7 @@ TEST(Replace, ReinstallOverEarlierVersionReplacesLinksAndFilesKeepingOwners) {
         EXPECT_TRUE(st.st_uid == 1234 && st.st_gid == 5678);
     }
     const std::string self = (fw / "Versions/A/Frame").string();
-    EXPECT_EQ(DoCmdCopy(self, "App/Frame.framework/Versions/A/Frame", r, false, gMovedFiles), 4);
+    EXPECT_EQ(DoCmdCopy(self, "App/Frame.framework/Versions/A/Frame", r, false, gMovedFiles, gRootIsCrossDevice), 4);
     EXPECT_EQ(ReadFile(self), "one");
     EXPECT_TRUE(gErrors.empty());
 }
@@ -111,7 +111,7 @@ TEST(Replace, CopyOverARunningProgramLeavesItRunning) {
     LogCapture log;
     TempDir root;
     const std::string r = root.path().string();
-    ASSERT_EQ(DoCmdCopy("/bin/sleep", "bin/prog", r, false, gMovedFiles), 0);
+    ASSERT_EQ(DoCmdCopy("/bin/sleep", "bin/prog", r, false, gMovedFiles, gRootIsCrossDevice), 0);
     const std::string prog = (root / "bin/prog").string();
     const pid_t running = fork();
     if (running == 0) {
@@ -119,7 +119,7 @@ TEST(Replace, CopyOverARunningProgramLeavesItRunning) {
         _exit(127);
     }
     std::this_thread::sleep_for(200ms);
-    EXPECT_EQ(DoCmdCopy("/usr/bin/true", "bin/prog", r, false, gMovedFiles), 0);
+    EXPECT_EQ(DoCmdCopy("/usr/bin/true", "bin/prog", r, false, gMovedFiles, gRootIsCrossDevice), 0);
     EXPECT_EQ(ReadFile(prog), ReadFile("/usr/bin/true"));
     int status = 0;
     EXPECT_EQ(waitpid(running, &status, WNOHANG), 0);  // still running
@@ -140,7 +140,7 @@ TEST(Replace, FullDiskLeavesTheOldFileWhole) {
     Put(disk.path() / "victim", old);
     Put(disk.path() / "filler", std::string(80 * 1024, 'f'));
     EXPECT_EQ(DoCmdCopy((src / "victim").string(), "victim", disk.path().string(), false,
-                        gMovedFiles), 2001);
+                        gMovedFiles, gRootIsCrossDevice), 2001);
     EXPECT_EQ(ReadFile(disk.path() / "victim"), old);
     EXPECT_EQ(Leftovers(disk.path()), 0);
 }
@@ -266,7 +266,7 @@ TEST(Replace, CopyOnReflinkFileSystemSharesExtents) {
     Put(xfs.path() / "src/big", std::string(8 << 20, 'x'));
     sync();
     ASSERT_EQ(DoCmdCopy((xfs.path() / "src").string(), "copy", xfs.path().string(), false,
-                        gMovedFiles), 0);
+                        gMovedFiles, gRootIsCrossDevice), 0);
     EXPECT_EQ(ReadFile(xfs.path() / "copy/big"), std::string(8 << 20, 'x'));
     EXPECT_TRUE(SharesExtents(xfs.path() / "copy/big"));
 }

@@ -1,7 +1,8 @@
 #include "testSupport.h"
 
-#include "ZQIMHelper.h"
-#include "macCommands.h"
+#include "liveness.h"
+#include "runState.h"
+#include "trust.h"
 
 #include <fcntl.h>
 #include <pwd.h>
@@ -64,6 +65,8 @@ static std::vector<std::string> LogMessages(const std::string& logText) {
 
 LogCapture::LogCapture() : file(dir / "log.txt") {
     ResetRunState();
+    ResetLiveness();
+    ForgetFrontEndUser();
     gVerbose = false;
     gPID = 0;
     if (gLogStream.is_open())

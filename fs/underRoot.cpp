@@ -1,8 +1,8 @@
 #include "underRoot.h"
 
-#ifdef __APPLE__
-#include <Availability.h>
-#endif
+#include "platform.h"
+#include "trust.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,10 +14,6 @@ namespace {
 
 // As many links as the kernel itself follows in one lookup.
 constexpr int kMaxLinkHops = 40;
-
-bool TrustedOwner(uid_t owner) {
-    return owner == 0 || owner == geteuid();
-}
 
 // What stood at a name whose open as a directory failed, judged from one
 // handle on what stands there now.
@@ -32,57 +28,25 @@ enum class Standing { Link, Directory, Other };
 std::error_code LookAt(int dir, const std::string& name, Standing& standing,
                        std::string& target, UniqueFd& directory) {
     standing = Standing::Other;
-#ifdef __APPLE__
-    // O_SYMLINK opens the link itself; O_NONBLOCK keeps a fifo that took the
-    // name from blocking the open.
-    UniqueFd entry(::openat(dir, name.c_str(), O_RDONLY | O_SYMLINK | O_NONBLOCK | O_CLOEXEC));
-#else
-    UniqueFd entry(::openat(dir, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-#endif
-    if (!entry.valid())
-        return LastError();
+    UniqueFd entry;
+    if (std::error_code ec = OpenLinkItself(dir, name.c_str(), entry))
+        return ec;
     struct stat st;
     if (::fstat(entry.get(), &st) != 0)
         return LastError();
     if (S_ISDIR(st.st_mode)) {
         standing = Standing::Directory;
         // A handle that only names the directory becomes one that lists it.
-        directory = UniqueFd(::openat(entry.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        return directory.valid() ? std::error_code() : LastError();
+        return OpenDirAt(entry.get(), ".", directory, true);
     }
     if (!S_ISLNK(st.st_mode))
         return {};
     standing = Standing::Link;
-    if (!TrustedOwner(st.st_uid))
+    if (!IsTrustedOwner(st.st_uid))
         return ErrorOf(EACCES);
-
-    char text[PATH_MAX];
-    ssize_t length;
-#ifdef __APPLE__
-#if __MAC_OS_X_VERSION_MAX_ALLOWED >= 130000
-    if (__builtin_available(macOS 13.0, *)) {
-        length = ::freadlink(entry.get(), text, sizeof text);
-    } else
-#endif
-    {
-        // Before freadlink, read by name and make sure the name still holds
-        // the link that was judged.
-        length = ::readlinkat(dir, name.c_str(), text, sizeof text);
-        struct stat again;
-        if (length >= 0 && (::fstatat(dir, name.c_str(), &again, AT_SYMLINK_NOFOLLOW) != 0 ||
-                            again.st_dev != st.st_dev || again.st_ino != st.st_ino ||
-                            !TrustedOwner(again.st_uid)))
-            return ErrorOf(EACCES);
-    }
-#else
-    length = ::readlinkat(entry.get(), "", text, sizeof text);
-#endif
-    if (length < 0)
-        return LastError();
-    if (static_cast<std::size_t>(length) >= sizeof text)
-        return ErrorOf(ENAMETOOLONG);
-    target.assign(text, static_cast<std::size_t>(length));
-    return {};
+    uid_t owner;
+    const std::error_code ec = ReadHeldLink(entry.get(), dir, name.c_str(), st, target, owner);
+    return IsTrustedOwner(owner) ? ec : ErrorOf(EACCES);
 }
 
 std::error_code Walk(int start, std::string_view rel, bool create, int& hops, UniqueFd& out) {
@@ -98,15 +62,16 @@ std::error_code Walk(int start, std::string_view rel, bool create, int& hops, Un
         if (name.empty() || name == ".")
             continue;
 
-        UniqueFd next = OpenDirAt(current, name.c_str());
-        int error = next.valid() ? 0 : errno;
-        if (error == ENOENT && create) {
-            if (::mkdirat(current, name.c_str(), 0777) != 0 && errno != EEXIST)
-                return LastError();
-            next = OpenDirAt(current, name.c_str());
-            error = next.valid() ? 0 : errno;
+        UniqueFd next;
+        std::error_code error = OpenDirAt(current, name.c_str(), next);
+        if (error == std::errc::no_such_file_or_directory && create) {
+            error = MakeDirAt(current, name.c_str(), 0777);
+            if (error && error != std::errc::file_exists)
+                return error;
+            error = OpenDirAt(current, name.c_str(), next);
         }
-        if (error == ENOTDIR || error == ELOOP) {
+        if (error == std::errc::not_a_directory ||
+            error == std::errc::too_many_symbolic_link_levels) {
             // The open saw a link (or a file) there. What stands there now is
             // what is acted on, through the one handle that looked at it.
             Standing standing;
@@ -126,9 +91,8 @@ std::error_code Walk(int start, std::string_view rel, bool create, int& hops, Un
                     return ErrorOf(ELOOP);
                 UniqueFd top;
                 if (!target.empty() && target[0] == '/') {
-                    top = OpenDirAt(AT_FDCWD, "/", true);
-                    if (!top.valid())
-                        return LastError();
+                    if ((ec = OpenDirAt(AT_FDCWD, "/", top, true)))
+                        return ec;
                 }
                 ec = Walk(top.valid() ? top.get() : current, target, false, hops, next);
                 // A link whose target is missing is in the way of a directory
@@ -138,16 +102,15 @@ std::error_code Walk(int start, std::string_view rel, bool create, int& hops, Un
                 if (ec)
                     return ec;
             }
-        } else if (error != 0) {
-            return ErrorOf(error);
+        } else if (error) {
+            return error;
         }
         owned = std::move(next);
         current = owned.get();
     }
     if (!owned.valid()) {
-        owned = OpenDirAt(start, ".");
-        if (!owned.valid())
-            return LastError();
+        if (std::error_code ec = OpenDirAt(start, ".", owned))
+            return ec;
     }
     out = std::move(owned);
     return {};
@@ -157,8 +120,7 @@ std::error_code Walk(int start, std::string_view rel, bool create, int& hops, Un
 
 std::error_code OpenRootFor(const std::string& root, std::string_view rel, UniqueFd& out) {
     const char* base = !rel.empty() && rel[0] == '/' ? "/" : root.empty() ? "." : root.c_str();
-    out = OpenDirAt(AT_FDCWD, base, true);
-    return out.valid() ? std::error_code() : LastError();
+    return OpenDirAt(AT_FDCWD, base, out, true);
 }
 
 std::error_code OpenDirBelow(int base, std::string_view rel, UniqueFd& out) {

@@ -5,6 +5,7 @@
 
 #include "commandChecker.h"
 #include "zqimClient.h"
+#include "zqimProtocol.h"
 
 #include <unistd.h>
 
@@ -289,7 +290,7 @@ int Run(const std::vector<std::string>& args, const char* argv0) {
     std::cout << "ran " << answers.size() << " of " << files.size() << " command files in "
               << helper.CommDir() << "\n";
     for (const auto& [file, a] : answers) {
-        std::cout << "  " << file << " (ZQCmd" << a.number << "): " << std::fixed
+        std::cout << "  " << file << " (" << zqim::kCommandPrefix << a.number << "): " << std::fixed
                   << std::setprecision(1) << a.took.count() << " s, ";
         if (a.died)
             std::cout << "the helper died on it: " << a.how;

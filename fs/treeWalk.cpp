@@ -1,6 +1,5 @@
 #include "treeWalk.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,9 +22,9 @@ std::string DirChain::pathOf(const std::string& name) const {
 }
 
 std::error_code DirChain::descend(const std::string& name) {
-    UniqueFd child = OpenDirAt(fd(), name.c_str());
-    if (!child.valid())
-        return LastError();
+    UniqueFd child;
+    if (std::error_code ec = OpenDirAt(fd(), name.c_str(), child))
+        return ec;
     if (levels.size() - firstOpen + 1 >= kOpenLevels) {
         // Remember who the shallowest held directory is before letting it go.
         Level& shallow = levels[firstOpen];
@@ -51,9 +50,11 @@ std::error_code DirChain::ascend() {
     const std::size_t at = levels.size() - 1;
     if (at == 0 || at >= firstOpen)
         return {};
-    UniqueFd parent(::openat(gone.fd.get(), "..", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    UniqueFd parent;
+    if (std::error_code ec = OpenDirAt(gone.fd.get(), "..", parent))
+        return ec;
     struct stat st;
-    if (!parent.valid() || ::fstat(parent.get(), &st) != 0)
+    if (::fstat(parent.get(), &st) != 0)
         return LastError();
     if (st.st_dev != levels[at].dev || st.st_ino != levels[at].ino)
         return ErrorOf(ESTALE);

@@ -1,11 +1,8 @@
 #include "helperLog.h"
 
 #include <ctime>
+#include <fstream>
 #include <iostream>
-
-bool gVerbose = false;
-std::ofstream gLogStream;
-std::set<int> gErrors;
 
 void InitLog(const std::string& path) {
     gLogStream.open(path, std::ios::out | std::ios::trunc);
@@ -31,4 +28,21 @@ void CloseLog() {
     ZQIMLog("Closing log.");
     gLogStream.flush();
     gLogStream.close();
+}
+
+std::string PrintErrorCode(std::error_code ec) {
+    std::ostringstream text;
+    text << "Error " << ec.value() << ": category=" << ec.category().name()
+         << ", message=" << ec.message();
+    return text.str();
+}
+
+void ZQIMWriteProgress(const std::string& path, int progress) {
+    std::ofstream file(path, std::ios::out | std::ios::trunc);
+    file << progress << " %" << '\n';
+    file.flush();
+}
+
+std::string ConvertFromWideStringToUTF8(const std::wstring&) {
+    return "ConvertFromWideStringToUTF8() - Only needed on Windows.";
 }

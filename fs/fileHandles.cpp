@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 
 void UniqueFd::reset(int fd) {
@@ -21,9 +22,55 @@ std::error_code LastError() {
     return ErrorOf(errno);
 }
 
-UniqueFd OpenDirAt(int dir, const char* name, bool follow) {
-    return UniqueFd(
-        ::openat(dir, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | (follow ? 0 : O_NOFOLLOW)));
+// The result of a call that returns 0 or -1 with errno.
+static std::error_code Outcome(int returned) {
+    return returned == 0 ? std::error_code() : LastError();
+}
+
+std::error_code OpenFileAt(int dir, const char* name, int flags, UniqueFd& out, mode_t mode) {
+    out = UniqueFd(::openat(dir, name, flags | O_CLOEXEC, mode));
+    return out.valid() ? std::error_code() : LastError();
+}
+
+std::error_code OpenDirAt(int dir, const char* name, UniqueFd& out, bool follow) {
+    return OpenFileAt(dir, name, O_RDONLY | O_DIRECTORY | (follow ? 0 : O_NOFOLLOW), out);
+}
+
+std::error_code StatAt(int dir, const char* name, struct stat& st, bool follow) {
+    return Outcome(::fstatat(dir, name, &st, follow ? 0 : AT_SYMLINK_NOFOLLOW));
+}
+
+std::error_code RemoveFileAt(int dir, const char* name) {
+    return Outcome(::unlinkat(dir, name, 0));
+}
+
+std::error_code RemoveDirAt(int dir, const char* name) {
+    return Outcome(::unlinkat(dir, name, AT_REMOVEDIR));
+}
+
+std::error_code MakeDirAt(int dir, const char* name, mode_t mode) {
+    return Outcome(::mkdirat(dir, name, mode));
+}
+
+std::error_code MakeLinkAt(const char* target, int dir, const char* name) {
+    return Outcome(::symlinkat(target, dir, name));
+}
+
+std::error_code ReadLinkAt(int dir, const char* name, std::string& target) {
+    char text[PATH_MAX];
+    const ssize_t length = ::readlinkat(dir, name, text, sizeof text - 1);
+    if (length < 0)
+        return LastError();
+    target.assign(text, static_cast<std::size_t>(length));
+    return {};
+}
+
+std::error_code RenameAt(int fromDir, const char* from, int toDir, const char* to) {
+    return Outcome(::renameat(fromDir, from, toDir, to));
+}
+
+std::error_code ChangeOwnerAt(int dir, const char* name, uid_t user, gid_t group) {
+    return Outcome(::fchownat(dir, name, user, group, AT_SYMLINK_NOFOLLOW));
 }
 
 static EntryType TypeOfMode(mode_t mode) {
@@ -127,9 +174,8 @@ std::error_code RemoveEntryAt(int dir, const char* name, bool& removed) {
             return {};
         }
         // EPERM may be a real refusal of a file: keep that, not "not a dir".
-        if (errno == ENOTDIR)
-            errno = error;
-        error = errno;
+        if (errno != ENOTDIR)
+            error = errno;
     }
     if (error == ENOENT)
         return {};

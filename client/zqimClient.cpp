@@ -1,5 +1,7 @@
 #include "zqimClient.h"
 
+#include "zqimProtocol.h"
+
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -73,7 +75,7 @@ void CheckGivenDir(const std::string& dir) {
     std::error_code ec;
     for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
         const std::string name = it->path().filename().string();
-        if (name.rfind("ZQCmd", 0) == 0)
+        if (name.rfind(kCommandPrefix, 0) == 0)
             Refuse(EEXIST, "communication directory " + dir + " holds " + name +
                                " from an earlier run");
     }
@@ -85,14 +87,14 @@ void CheckGivenDir(const std::string& dir) {
 
 std::string CodeName(int code) {
     switch (code) {
-    case 2000: return "other error";
-    case 2001: return "no space on device";
-    case 2002: return "permission denied";
-    case 2003: return "source not found";
-    case 2004: return "an entry could not be deleted";
-    case 2006: return "pair command out of order";
-    case 2007: return "read-only file system";
-    case 2008: return "operation not permitted";
+    case kOtherError: return "other error";
+    case kNoSpace: return "no space on device";
+    case kPermissionDenied: return "permission denied";
+    case kSourceNotFound: return "source not found";
+    case kNotDeleted: return "an entry could not be deleted";
+    case kPairOutOfOrder: return "pair command out of order";
+    case kReadOnly: return "read-only file system";
+    case kNotPermitted: return "operation not permitted";
     default: return "unknown code";
     }
 }
@@ -123,7 +125,7 @@ Session Session::Start(const Options& options) {
         s.dir = options.commDir;
         // The new helper empties an earlier run's log as it starts; until
         // then the log follower would take its lines for this run's.
-        ::unlink((s.dir + "/ZQIMLog.txt").c_str());
+        ::unlink((s.dir + "/" + kLogFileName).c_str());
     }
 
     std::vector<std::string> args{options.helper, "-c", s.dir, "-p", std::to_string(::getpid())};
@@ -192,25 +194,26 @@ std::string Session::How() const {
 }
 
 std::string Session::File(int number, const char* extension) const {
-    return dir + "/ZQCmd" + std::to_string(number) + extension;
+    return dir + "/" + kCommandPrefix + std::to_string(number) + extension;
 }
 
 int Session::Send(const std::string& commands) {
     const int number = ++lastSent;
     // Complete under a name the helper does not look at, then in place in
     // one rename, and only then announced: it can never read half a file.
-    const std::string partial = dir + "/.ZQCmd" + std::to_string(number) + ".partial";
+    const std::string partial = dir + "/." + kCommandPrefix + std::to_string(number) + ".partial";
     WriteAll(partial, commands);
-    if (::rename(partial.c_str(), File(number, ".txt").c_str()) != 0)
+    if (::rename(partial.c_str(), File(number, kCommandExtension).c_str()) != 0)
         Fail("cannot put command file " + std::to_string(number) + " in place");
-    WriteAll(File(number, ".zqsig"), "");
+    WriteAll(File(number, kSignalExtension), "");
     return number;
 }
 
 void Session::Forget(int number) {
     if (keep)
         return;
-    for (const char* extension : {".txt", ".zqsig", ".zqfin", ".err", ".progress"})
+    for (const char* extension : {kCommandExtension, kSignalExtension, kFinishedExtension,
+                                  kErrorExtension, kProgressExtension})
         ::unlink(File(number, extension).c_str());
 }
 
@@ -224,14 +227,14 @@ Answer Session::Wait(int number, const std::function<void(int)>& progress,
     auto follow = [&] {
         bool exists;
         if (progress) {
-            const std::string now = ReadAll(File(number, ".progress"), exists);
+            const std::string now = ReadAll(File(number, kProgressExtension), exists);
             if (exists && now != shownProgress && !now.empty() && now.back() == '\n') {
                 shownProgress = now;
                 progress(std::atoi(now.c_str()));
             }
         }
         if (logLine) {
-            std::ifstream log(dir + "/ZQIMLog.txt", std::ios::binary);
+            std::ifstream log(dir + "/" + kLogFileName, std::ios::binary);
             log.seekg(static_cast<std::streamoff>(logRead));
             std::string more((std::istreambuf_iterator<char>(log)), std::istreambuf_iterator<char>());
             logRead += more.size();
@@ -245,12 +248,12 @@ Answer Session::Wait(int number, const std::function<void(int)>& progress,
     while (true) {
         bool exists;
         // The helper writes the error file before the finished file.
-        answer.finished = ReadAll(File(number, ".zqfin"), exists) == "Finished.";
+        answer.finished = ReadAll(File(number, kFinishedExtension), exists) == kFinishedText;
         if (answer.finished)
             break;
         // Look once more after it ended: it may have answered just before.
         const bool running = Running();
-        if (!running && ReadAll(File(number, ".zqfin"), exists) != "Finished.") {
+        if (!running && ReadAll(File(number, kFinishedExtension), exists) != kFinishedText) {
             answer.died = true;
             answer.how = How();
             break;
@@ -263,7 +266,7 @@ Answer Session::Wait(int number, const std::function<void(int)>& progress,
     follow();
     if (answer.finished) {
         bool exists;
-        std::istringstream err(ReadAll(File(number, ".err"), exists));
+        std::istringstream err(ReadAll(File(number, kErrorExtension), exists));
         for (std::string code; err >> code && code != "end";) {
             const int value = std::atoi(code.c_str());
             answer.codes.push_back(value);

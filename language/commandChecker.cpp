@@ -1,6 +1,7 @@
 #include "commandChecker.h"
 
 #include "commandKeywords.h"
+#include "zqimProtocol.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -139,8 +140,8 @@ public:
                       start->second.breaker + ")";
             Add(Finding::Error, column,
                 Quote(name) + " must directly follow " + Quote(k->pairStart) +
-                    " (comments and unknown lines aside): fatal error 2006, the helper stops; " +
-                    why,
+                    " (comments and unknown lines aside): fatal error " +
+                    std::to_string(kPairOutOfOrder) + ", the helper stops; " + why,
                 Finding::StopsFile);
             return;
         }

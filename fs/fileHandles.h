@@ -42,7 +42,14 @@ std::error_code ErrorOf(int error);
 
 // Opens `name` in `dir` as a directory. With `follow` false a symbolic link
 // is refused (the error is then ENOTDIR or ELOOP, as the system says).
-UniqueFd OpenDirAt(int dir, const char* name, bool follow = false);
+std::error_code OpenDirAt(int dir, const char* name, UniqueFd& out, bool follow = false);
+
+// Opens `name` in `dir` with `flags` (O_CLOEXEC added), creating it with
+// `mode` where the flags say so.
+std::error_code OpenFileAt(int dir, const char* name, int flags, UniqueFd& out, mode_t mode = 0);
+
+// The status of `name` in `dir`: of a link itself unless `follow`.
+std::error_code StatAt(int dir, const char* name, struct stat& st, bool follow = false);
 
 // What a listing says of an entry.
 enum class EntryType : unsigned char { Directory, Link, Other, Unknown };
@@ -64,5 +71,16 @@ std::error_code DirIsEmpty(int dir, bool& empty);
 
 // Removes `name` in `dir` as remove(3) does: a file or a link itself, or an
 // empty directory. A name that does not exist is not an error; `removed`
-// says whether something went. errno is left as the last call set it.
+// says whether something went.
 std::error_code RemoveEntryAt(int dir, const char* name, bool& removed);
+
+// The single calls, each with the error it failed with.
+std::error_code RemoveFileAt(int dir, const char* name);  // not a directory
+std::error_code RemoveDirAt(int dir, const char* name);   // an empty directory
+std::error_code MakeDirAt(int dir, const char* name, mode_t mode);
+std::error_code MakeLinkAt(const char* target, int dir, const char* name);
+// The text of the link `name` in `dir`, cut to PATH_MAX - 1 bytes.
+std::error_code ReadLinkAt(int dir, const char* name, std::string& target);
+std::error_code RenameAt(int fromDir, const char* from, int toDir, const char* to);
+// Gives `name` in `dir` (a link itself, never what it points to) a new owner.
+std::error_code ChangeOwnerAt(int dir, const char* name, uid_t user, gid_t group);

@@ -1,0 +1,50 @@
+// The few calls that differ between macOS and Linux, each behind one
+// declaration. platform_mac.cpp or platform_linux.cpp implements them; the
+// build picks one, and no other unit asks which system it is built for.
+#pragma once
+
+#include "fileHandles.h"
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <string>
+#include <system_error>
+
+// ------------------------------------------------------------ processes
+
+// The kernel's start time of `pid` as "<microseconds>-<seconds>", or an empty
+// string when no such process exists (or it cannot be inspected).
+std::string ReadProcessStartTime(unsigned long pid);
+
+// ------------------------------------------------------ symbolic links
+
+// Opens the entry `name` in `dir` itself: a link is not followed, and a fifo
+// that took the name does not block the open. Enough to fstat the entry and
+// read a link; a directory is opened again through it to be listed.
+std::error_code OpenLinkItself(int dir, const char* name, UniqueFd& out);
+
+// Reads the text of the link `link` holds open, `name` in `dir` (whose status
+// `st` is). Where the system cannot read a link through its handle, the name
+// is read and must still hold that very link (else EACCES); `owner` is the
+// owner the link shows after the read, for the caller to judge once more.
+std::error_code ReadHeldLink(int link, int dir, const char* name, const struct stat& st,
+                             std::string& target, uid_t& owner);
+
+// ------------------------------------------------------ copying file data
+
+// Makes a temporary copy of the open file `in` (of status `source`) beside
+// a destination in `dir` (on the device `dirDev`), cloned where the file
+// system shares blocks between files and copied otherwise. With `unnamed`,
+// and where the system offers it, the file gets no name at all (`name` is
+// left empty) until it is complete, so a helper killed meanwhile leaves
+// nothing behind; otherwise `name` is its temporary name. `out` is open on
+// it; `modeSet` says whether it already has `source`'s mode. A failure
+// leaves nothing behind.
+std::error_code MakeTemporaryCopy(int in, const struct stat& source, int dir, dev_t dirDev,
+                                  bool unnamed, std::string& name, UniqueFd& out,
+                                  bool& modeSet);
+
+// Gives the open, unnamed file `fd` the name `name` in `dir` (EEXIST where
+// the name is taken).
+std::error_code NameUnnamedFile(int fd, int dir, const char* name);

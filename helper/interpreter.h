@@ -1,0 +1,10 @@
+// The command file reader and the interpreter of the command language.
+#pragma once
+
+#include <string>
+
+// Runs every line of the command file at `path`; 1 when the helper is to stop.
+int ServiceCommandFile(const std::string& path);
+// Runs one line; `prevCommand` and `prevValue` carry a pair's start to its end.
+int ServiceCommand(std::string line, std::string& prevCommand, std::string& prevValue);
+void trim(std::string& text);

@@ -1,0 +1,41 @@
+// Process liveness: whether a watched process is still the one first seen
+// under its PID. The start time is read by the platform layer.
+
+#include "liveness.h"
+
+#include "platform.h"
+
+#include <iostream>
+
+std::map<unsigned long long, std::string> handles;
+
+void ResetLiveness() {
+    handles.clear();
+}
+
+bool RecordProcessStartTime(unsigned long pid, const std::string& startTime) {
+    if (startTime.empty()) {
+        handles.erase(pid);
+        return false;
+    }
+    auto known = handles.find(pid);
+    if (known == handles.end()) {
+        handles[pid] = startTime;
+        return true;
+    }
+    if (known->second == startTime)
+        return true;
+    // Same number, different start time: the PID was reused by a new process.
+    std::cout << "PID Conflict PID:" << pid << " org_time:" << known->second
+              << " new_time:" << startTime << std::endl;
+    handles.erase(known);
+    return false;
+}
+
+bool isProcessAlive(unsigned long pid) {
+    return RecordProcessStartTime(pid, ReadProcessStartTime(pid));
+}
+
+bool CheckPID(unsigned long pid) {
+    return pid == 0 || isProcessAlive(pid);
+}
