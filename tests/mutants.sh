@@ -47,8 +47,24 @@ else
 fi
 src=$work/src
 build=$work/build
+# The suite's scratch trees (TMPDIR), emptied after every run: a test that a
+# fault crashed or that ran out of time leaves its files, even its mounts.
+# Its helper as nobody must reach them.
+scratch=$(mktemp -d "${TMPDIR:-/tmp}/zqim-mutants-tmp.XXXXXX")
+chmod 755 "$scratch"
+clear_scratch() {
+  if [ -r /proc/self/mounts ]; then
+    awk -v d="$scratch" 'index($2, d "/") == 1 { print $2 }' /proc/self/mounts | sort -r |
+      while IFS= read -r m; do umount -l "$m" || true; done
+  fi
+  rm -rf "${scratch:?}"/* "$scratch"/.[!.]* 2>/dev/null || true
+}
 planted=""   # the file holding a fault right now, restored on any exit
+suite="" dog=""
 cleanup() {
+  for group in $suite $dog; do kill -TERM -- -"$group" 2>/dev/null || true; done
+  if [ -n "$suite" ]; then sleep 1; clear_scratch; fi
+  rm -rf "$scratch"
   if [ -n "$planted" ]; then cp "$work/original" "$src/$planted"; fi
   if [ "$keep" = no ]; then rm -rf "$work"; fi
 }
@@ -146,10 +162,10 @@ fi
 # Runs the fast suite with a time limit; prints the failed tests' names.
 # Returns 0 (passed), 1 (failed) or 124 (out of time).
 run_suite() {
-  local out=$work/ctest.log status dog suite
+  local out=$work/ctest.log status
   rm -f "$work/timed-out"
   set -m
-  (cd "$build" && exec ctest "${ctest_args[@]}") >"$out" 2>&1 &
+  (cd "$build" && TMPDIR=$scratch exec ctest "${ctest_args[@]}") >"$out" 2>&1 &
   suite=$!
   (sleep "$limit"; touch "$work/timed-out"; kill -TERM -- -"$suite" 2>/dev/null
    sleep 5; kill -KILL -- -"$suite" 2>/dev/null) >/dev/null 2>&1 &
@@ -159,6 +175,8 @@ run_suite() {
   wait "$suite" || status=$?
   kill -- -"$dog" 2>/dev/null || true
   wait "$dog" 2>/dev/null || true
+  suite="" dog=""
+  clear_scratch
   sed -n '/The following tests FAILED:/,$p' "$out" |
     sed -nE 's/^[[:space:]]*[0-9]+ - (.*) \([^)]*\)$/\1/p' | tr '\n' ' '
   if [ -e "$work/timed-out" ]; then return 124; fi
@@ -193,7 +211,10 @@ if [ "$check_only" = yes ]; then
 fi
 
 echo "== without any fault"
-cmake -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZQIM_TESTS=ON \
+# The suite's optimisation, without the debugging information that makes
+# every relinking of the tests slow.
+cmake -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -DNDEBUG" -DZQIM_TESTS=ON \
   >"$work/configure.log" 2>&1 || { cat "$work/configure.log"; exit 2; }
 build_all || { cat "$work/build.log"; echo "the unmodified copy does not build" >&2; exit 2; }
 if ! failed=$(run_suite); then
@@ -205,7 +226,7 @@ fi
 echo "== $((${#selected[@]})) faults, one at a time"
 killed=0 survived=0
 for i in ${selected[@]+"${selected[@]}"}; do
-  name=${names[$i]} file=${files[$i]}
+  name=${names[$i]} file=${files[$i]} start=$SECONDS
   cp "$src/$file" "$work/original"
   planted=$file
   replaced "$file" "${olds[$i]}" "${news[$i]}" >"$work/mutant"
@@ -217,11 +238,13 @@ for i in ${selected[@]+"${selected[@]}"}; do
   else
     status=0
     failed=$(run_suite) || status=$?
+    took="$((SECONDS - start)) s"
     case $status in
-      0) printf 'survived  %s\n' "$name"; survived=$((survived + 1)) ;;
-      124) printf 'killed    %s (out of time after %ss)\n' "$name" "$limit"
+      0) printf 'survived  %s [%s]\n' "$name" "$took"; survived=$((survived + 1)) ;;
+      124) printf 'killed    %s (out of time) [%s]\n' "$name" "$took"
            killed=$((killed + 1)) ;;
-      *) printf 'killed    %s (by %s)\n' "$name" "${failed% }"; killed=$((killed + 1)) ;;
+      *) printf 'killed    %s (by %s) [%s]\n' "$name" "${failed% }" "$took"
+         killed=$((killed + 1)) ;;
     esac
   fi
   cp "$work/original" "$src/$file"
