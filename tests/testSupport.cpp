@@ -205,11 +205,14 @@ bool ScratchMount::remountReadOnly() {
 #endif
 }
 
-ScratchMount::~ScratchMount() {
+void ScratchMount::detach() {
 #ifdef __linux__
     if (mounted)
         umount2(dir.path().c_str(), MNT_DETACH);
 #endif
+    mounted = false;
 }
+
+ScratchMount::~ScratchMount() { detach(); }
 
 }  // namespace zqimtest
