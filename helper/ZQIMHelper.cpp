@@ -72,8 +72,13 @@ int ZQIMHelperMain(int argc, char** argv) {
     ::umask(::umask(022) | 022);
     MarkDescriptorsCloseOnExec(3);
 
-    Say("ZQIMHelper starting...");
     InputParser input(argc, argv);
+    // The version alone: nothing starts, no directory is looked at.
+    if (input.cmdOptionExists("--version")) {
+        Say("ZQIMHelper " ZQIM_VERSION);
+        return 0;
+    }
+    Say("ZQIMHelper starting...");
 
     const std::string& testDir = input.getCmdOption("-t");
     if (!testDir.empty()) {
