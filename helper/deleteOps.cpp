@@ -24,8 +24,9 @@ namespace fs = std::filesystem;
 // ------------------------------------------------------------ deleting files
 
 // A folder climbed to while pruning: the handle of the folder that holds it
-// and its name there. Below the root it is reached as every path under the
-// root is; the root and what lies above it are the front-end's, as given.
+// and its name there. Below the root it is reached through the root, the root
+// and what lies above it from "/" (or the working directory); trusted links
+// only, either way.
 static std::error_code OpenPruneStep(const std::string& root, const fs::path& dir,
                                      UniqueFd& parent, std::string& name) {
     std::string base = root;
@@ -37,11 +38,9 @@ static std::error_code OpenPruneStep(const std::string& root, const fs::path& di
                        text[cut - 1] == '/';
     if (below)
         return OpenParentUnderRoot(root, std::string_view(text).substr(cut), parent, name);
-    name = dir.filename().string();
-    return OpenDirAt(AT_FDCWD,
-                     dir.has_relative_path() && dir.parent_path().empty() ? "."
-                                                                         : dir.parent_path().c_str(),
-                     parent, true);
+    if (text.empty())
+        return ErrorOf(ENOENT);  // climbed past a relative root's first folder
+    return OpenParentUnderRoot(std::string(), text, parent, name);
 }
 
 // What the library's is_empty says of `name` in `dir`: a directory without
@@ -259,8 +258,17 @@ static std::error_code RetryRemoval(const fs::path& p, std::error_code first,
 
 std::error_code DeleteWithRetry(fs::path p) {
     auto attempt = [&p] {
+        // Through the handle of the folder that holds it, reached as every
+        // path is; a path that leads nowhere has nothing to remove.
+        if (p.empty())
+            return std::error_code();
+        UniqueFd parent;
+        std::string name;
+        std::error_code ec = OpenParentUnderRoot(std::string(), p.native(), parent, name);
+        if (ec == std::errc::no_such_file_or_directory)
+            return std::error_code();
         bool removed;
-        return RemoveEntryAt(AT_FDCWD, p.c_str(), removed);
+        return ec ? ec : RemoveEntryAt(parent.get(), name.empty() ? "." : name.c_str(), removed);
     };
     const std::error_code ec = attempt();
     return ec ? RetryRemoval(p, ec, attempt) : ec;
@@ -276,10 +284,10 @@ static void SortLongestFirst(std::vector<T>& items, Length length) {
 
 int DoDelFolder(std::string folder) {
     ZQIMLog("DoDelFolder() - Deleting folder:" + folder);
-    // The folder named is the front-end's and is opened as the system
-    // resolves it; everything below it only through the handles of the walk.
+    // The folder named is reached from "/" through trusted links only, and
+    // everything below it only through the handles of the walk.
     UniqueFd top;
-    const std::error_code topEc = OpenDirAt(AT_FDCWD, folder.c_str(), top, true);
+    const std::error_code topEc = OpenDirAtPath(folder, top);
     FolderDeletion deletion(folder);
     if (topEc) {
         ZQIMLog("FindFilesAndFolders(", fs::path(folder),
