@@ -24,6 +24,10 @@ std::string ReadProcessStartTime(unsigned long pid);
 // read a link; a directory is opened again through it to be listed.
 std::error_code OpenLinkItself(int dir, const char* name, UniqueFd& out);
 
+// Gives the entry `entry` holds open (opened by OpenLinkItself, or a
+// directory) a new owner and group: a link itself, never what it points to.
+std::error_code ChangeOwnerOfHeld(int entry, uid_t user, gid_t group);
+
 // Reads the text of the link `link` holds open, `name` in `dir` (whose status
 // `st` is). Where the system cannot read a link through its handle, the name
 // is read and must still hold that very link (else EACCES); `owner` is the
