@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <thread>
 #include <vector>
@@ -157,9 +158,8 @@ public:
 
     Next visit(DirChain& dir, const DirEntry& entry) override {
         if (entry.type == EntryType::Directory) {
-            const std::string text = dir.pathOf(entry.name);
-            folders.push_back(Folder{current, static_cast<std::uint32_t>(text.size()), entry.name,
-                                     1, false});
+            folders.push_back(Folder{current, static_cast<std::uint32_t>(dir.lengthOf(entry.name)),
+                                     entry.name, 1, false});
             pending = static_cast<std::uint32_t>(folders.size() - 1);
             return Next::Enter;
         }
@@ -214,16 +214,25 @@ public:
         return true;
     }
 
+    // Climbs to the top and back down without recursion: a chain of folders
+    // may be deeper than any stack.
     std::string pathOf(std::uint32_t folder) const {
-        if (folder == 0)
-            return folders[0].name;
-        std::string text = pathOf(folders[folder].parent);
-        if (text.back() != '/')
-            text += '/';
-        return text + folders[folder].name;
+        std::vector<std::uint32_t> below;
+        for (std::uint32_t at = folder; at != 0; at = folders[at].parent)
+            below.push_back(at);
+        std::string text = folders[0].name;
+        text.reserve(folders[folder].length);
+        for (auto at = below.rbegin(); at != below.rend(); ++at) {
+            if (!text.empty() && text.back() != '/')
+                text += '/';
+            text += folders[*at].name;
+        }
+        return text;
     }
 
-    std::vector<Folder> folders;
+    // A deque grows without copying what it holds: no moment holds the
+    // folders twice.
+    std::deque<Folder> folders;
     std::vector<FailedFile> failed;
     std::size_t files = 0;
     std::uint32_t current = 0, pending = 0;
@@ -232,7 +241,7 @@ public:
 
 // Opens the folder `index` of the walk again from the top, by name and never
 // through a link, to retry a removal in it.
-std::error_code OpenFolder(int top, const std::vector<Folder>& folders, std::uint32_t index,
+std::error_code OpenFolder(int top, const std::deque<Folder>& folders, std::uint32_t index,
                            UniqueFd& out) {
     std::vector<const std::string*> names;
     for (std::uint32_t at = index; at != 0; at = folders[at].parent)
