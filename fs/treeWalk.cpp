@@ -87,7 +87,7 @@ struct Frame {
     // one being walked into, until it is done).
     std::vector<DirEntry> entries;
     std::size_t next = 0;
-    std::error_code listed;  // AsMet: the listing's failure, said once visited
+    int listed = 0;  // AsMet: the errno the listing failed with, said once visited
 };
 
 }  // namespace
@@ -103,9 +103,11 @@ bool WalkTree(DirChain& chain, TreeVisitor& visitor, WalkOrder order, std::error
     auto list = [&]() {
         frames.emplace_back();
         Frame& frame = frames.back();
-        frame.listed = ReadEntries(chain.fd(), frame.entries);
-        if (asMet)
+        const std::error_code listed = ReadEntries(chain.fd(), frame.entries);
+        if (asMet) {
+            frame.listed = listed.value();
             return true;
+        }
         std::size_t kept = 0;
         for (std::size_t i = 0; i < frame.entries.size(); ++i) {
             const Next next = visitor.visit(chain, frame.entries[i]);
@@ -117,7 +119,6 @@ bool WalkTree(DirChain& chain, TreeVisitor& visitor, WalkOrder order, std::error
         // Only the directories are needed while the walk goes deeper.
         frame.entries.resize(kept);
         frame.entries.shrink_to_fit();
-        const std::error_code listed = std::exchange(frame.listed, std::error_code());
         return !listed || visitor.listingFailed(chain, listed);
     };
     // The directory of `frame` the walk is in, or goes into next.
@@ -137,7 +138,7 @@ bool WalkTree(DirChain& chain, TreeVisitor& visitor, WalkOrder order, std::error
                     return false;
                 enter = next == Next::Enter;
             }
-            if (!enter && frame.listed && !visitor.listingFailed(chain, frame.listed))
+            if (!enter && frame.listed != 0 && !visitor.listingFailed(chain, ErrorOf(frame.listed)))
                 return false;
         } else {
             enter = !frame.entries.empty();

@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <iomanip>
 #include <thread>
 #include <vector>
 
@@ -195,14 +196,12 @@ public:
     // Walking into the folder just listed: it is listed a second time.
     void entered(DirChain&, const std::string&) override {
         folders[pending].entries = 2;
-        parents.push_back(current);
         current = pending;
     }
 
     void left(DirChain& dir, const std::string& name) override {
         const std::uint32_t done = current;
-        current = parents.back();
-        parents.pop_back();
+        current = folders[done].parent;
         folders[done].removed = !RemoveDirAt(dir.fd(), name.c_str());
     }
 
@@ -236,7 +235,6 @@ public:
     std::vector<FailedFile> failed;
     std::size_t files = 0;
     std::uint32_t current = 0, pending = 0;
-    std::vector<std::uint32_t> parents;
 };
 
 // Opens the folder `index` of the walk again from the top, by name and never
@@ -343,15 +341,17 @@ int DoDelFolder(std::string folder) {
     }
     for (std::uint32_t i : order) {
         Folder& f = deletion.folders[i];
-        const fs::path p(deletion.pathOf(i));
+        // Quoted as a path is, without splitting a path of a deep chain into
+        // as many components as it has levels.
+        const std::string text = deletion.pathOf(i);
         for (int entry = 0; entry < f.entries; ++entry) {
-            ZQIMLog("DoDelFolder(", folder, ") - deleting folder: ", p);
+            ZQIMLog("DoDelFolder(", folder, ") - deleting folder: ", std::quoted(text));
             if (f.removed)
                 continue;  // gone already, and a missing folder is no error
-            const std::error_code ec = i == 0 ? DeleteWithRetry(p) : [&] {
+            const std::error_code ec = i == 0 ? DeleteWithRetry(fs::path(text)) : [&] {
                 auto attempt = [&] { return removeIn(f.parent, f.name); };
                 const std::error_code first = attempt();
-                return first ? RetryRemoval(p, first, attempt) : first;
+                return first ? RetryRemoval(fs::path(text), first, attempt) : first;
             }();
             if (ec)
                 ZQIMLog("DoDelFolder(" + folder + ") - error deleting folder: " +
