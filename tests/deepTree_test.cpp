@@ -125,12 +125,20 @@ TEST(DeepTree, ChainOf200000FoldersIsHandedOverAndDeletedWithoutRecursion) {
     const fs::path other = scratch.path() / "other";
     fs::create_directory(other);
     MakeChain(other, kDeleted);
-    const HelperRun deleted = ServiceWithStack("delFolder " + (other / "d").string() + "\nexit\n",
-                                         128 << 10);
+    const HelperRun deleted =
+        ServiceWithStack("delFolder " + (other / "d").string() + "\nexit\n", 128 << 10);
     ASSERT_TRUE(deleted.exited) << "signal " << deleted.status;
     EXPECT_EQ(deleted.status, 0);
-    EXPECT_NE(deleted.log.find("DoDelFolder(" + (other / "d").string() + ") - deleting 0 files "
-                               "and " + std::to_string(2 * kDeleted - 1) + " folders."),
+    const std::string said = "DoDelFolder(" + (other / "d").string() + ") - ";
+    EXPECT_NE(deleted.log.find(said + "deleting 0 files and " + std::to_string(2 * kDeleted - 1) +
+                               " folders.\n"),
               std::string::npos);
+    // Longest first: the deepest folder, named in full, comes first.
+    std::string deepest = (other / "d").string();
+    for (int level = 1; level < kDeleted; ++level)
+        deepest += "/d";
+    const std::string line = said + "deleting folder: \"" + deepest + "\"\n";
+    const std::size_t first = deleted.log.find(said + "deleting folder: ");
+    EXPECT_TRUE(first != std::string::npos && deleted.log.compare(first, line.size(), line) == 0);
     EXPECT_TRUE(fs::is_empty(other));
 }
