@@ -21,6 +21,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <map>
 
@@ -52,10 +53,12 @@ struct Answer {
     bool has(const std::string& message) const {
         return std::find(log.begin(), log.end(), message) != log.end();
     }
+    // The index of the first message that starts with `prefix`.
     std::size_t first(const std::string& prefix) const {
-        return std::find_if(log.begin(), log.end(), [&](const std::string& m) {
-                   return m.rfind(prefix, 0) == 0;
-               }) - log.begin();
+        std::size_t at = 0;
+        while (at < log.size() && log[at].rfind(prefix, 0) != 0)
+            ++at;
+        return at;
     }
 };
 
@@ -137,10 +140,7 @@ struct Scene {
 // fs.protected_hardlinks off for as long as it lives, restored after.
 class HardLinksUnprotected {
 public:
-    HardLinksUnprotected() {
-        saved = ReadFile(kSwitch);
-        ok = !saved.empty() && Write("0\n");
-    }
+    HardLinksUnprotected() : saved(ReadFile(kSwitch)) { ok = !saved.empty() && Write("0\n"); }
     ~HardLinksUnprotected() {
         if (ok)
             Write(saved);
@@ -149,12 +149,8 @@ public:
 
 private:
     static bool Write(const std::string& value) {
-        const int fd = open(kSwitch, O_WRONLY);
-        const bool done = fd >= 0 && write(fd, value.data(), value.size()) ==
-                                         static_cast<ssize_t>(value.size());
-        if (fd >= 0)
-            close(fd);
-        return done;
+        std::ofstream out(kSwitch);
+        return static_cast<bool>(out << value << std::flush);
     }
     static constexpr const char* kSwitch = "/proc/sys/fs/protected_hardlinks";
     std::string saved;
