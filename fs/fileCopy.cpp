@@ -4,13 +4,13 @@
 #include "fileHandles.h"
 #include "platform.h"
 #include "treeWalk.h"
+#include "underRoot.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <set>
 #include <utility>
 #include <vector>
@@ -254,12 +254,18 @@ private:
 }  // namespace
 
 std::error_code CopyIntoPlace(const std::string& source, int parent, const std::string& leaf) {
+    // The source is reached as every path a command names: a folder on its
+    // way that someone else swapped for a link is refused, not followed.
+    UniqueFd srcDir;
+    std::string srcName;
+    if (std::error_code ec = OpenEntryParent(source, srcDir, srcName))
+        return ec;
     struct stat src, place;
-    if (::lstat(source.c_str(), &src) != 0 || ::fstat(parent, &place) != 0)
+    if (::fstatat(srcDir.get(), srcName.c_str(), &src, AT_SYMLINK_NOFOLLOW) != 0 ||
+        ::fstat(parent, &place) != 0)
         return LastError();
     if (!S_ISDIR(src.st_mode))
-        return CopyNonDirectory(AT_FDCWD, source.c_str(), src,
-                                std::filesystem::path(source).filename().string(), parent,
+        return CopyNonDirectory(srcDir.get(), srcName.c_str(), src, srcName, parent,
                                 place.st_dev, leaf);
 
     bool isNew;
@@ -267,7 +273,7 @@ std::error_code CopyIntoPlace(const std::string& source, int parent, const std::
     if (std::error_code ec = PrepareFolder(src, parent, place.st_dev, leaf, isNew, dev))
         return ec;
     UniqueFd from, to;
-    if (std::error_code ec = OpenDirAt(AT_FDCWD, source.c_str(), from))
+    if (std::error_code ec = OpenDirAt(srcDir.get(), srcName.c_str(), from))
         return ec;
     if (std::error_code ec = OpenDirAt(parent, leaf.c_str(), to))
         return ec;

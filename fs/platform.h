@@ -33,6 +33,10 @@ void MarkDescriptorsCloseOnExec(int from);
 // read a link; a directory is opened again through it to be listed.
 std::error_code OpenLinkItself(int dir, const char* name, UniqueFd& out);
 
+// Gives the entry `entry` holds open (opened by OpenLinkItself, or a
+// directory) a new owner and group: a link itself, never what it points to.
+std::error_code ChangeOwnerOfHeld(int entry, uid_t user, gid_t group);
+
 // Reads the text of the link `link` holds open, `name` in `dir` (whose status
 // `st` is). Where the system cannot read a link through its handle, the name
 // is read and must still hold that very link (else EACCES); `owner` is the

@@ -117,6 +117,14 @@ std::error_code OpenLinkItself(int dir, const char* name, UniqueFd& out) {
     return OpenFileAt(dir, name, O_PATH | O_NOFOLLOW, out);
 }
 
+std::error_code ChangeOwnerOfHeld(int entry, uid_t user, gid_t group) {
+    // An O_PATH handle cannot be fchown'ed; named by the empty path it can,
+    // and a link's handle changes the link.
+    return ::fchownat(entry, "", user, group, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW) == 0
+               ? std::error_code()
+               : LastError();
+}
+
 std::error_code ReadHeldLink(int link, int, const char*, const struct stat& st,
                              std::string& target, uid_t& owner) {
     owner = st.st_uid;

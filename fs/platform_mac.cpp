@@ -85,6 +85,11 @@ std::error_code OpenLinkItself(int dir, const char* name, UniqueFd& out) {
     return OpenFileAt(dir, name, O_RDONLY | O_SYMLINK | O_NONBLOCK, out);
 }
 
+std::error_code ChangeOwnerOfHeld(int entry, uid_t user, gid_t group) {
+    // A handle opened with O_SYMLINK is the link's own: fchown changes it.
+    return ::fchown(entry, user, group) == 0 ? std::error_code() : LastError();
+}
+
 std::error_code ReadHeldLink(int link, int dir, const char* name, const struct stat& st,
                              std::string& target, uid_t& owner) {
     owner = st.st_uid;

@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <deque>
+#include <utility>
 
 // Handles held at once by one chain, the top included. Deeper trees reopen a
 // parent through ".." on the way back up.
@@ -15,10 +17,17 @@ DirChain::DirChain(UniqueFd top, std::string topText) : text(std::move(topText))
     levels.back().textLength = text.size();
 }
 
+// Paths join with one separator, unless the text is empty or ends in one.
+static bool NeedsSeparator(const std::string& text) {
+    return !text.empty() && text.back() != '/';
+}
+
 std::string DirChain::pathOf(const std::string& name) const {
-    if (text.empty())
-        return name;
-    return text.back() == '/' ? text + name : text + "/" + name;
+    return NeedsSeparator(text) ? text + "/" + name : text + name;
+}
+
+std::size_t DirChain::lengthOf(const std::string& name) const {
+    return text.size() + (NeedsSeparator(text) ? 1 : 0) + name.size();
 }
 
 std::error_code DirChain::descend(const std::string& name) {
@@ -36,7 +45,10 @@ std::error_code DirChain::descend(const std::string& name) {
         shallow.fd.reset();
         ++firstOpen;
     }
-    text = pathOf(name);
+    // Appended in place: a deep chain must not copy its whole path per level.
+    if (NeedsSeparator(text))
+        text += '/';
+    text += name;
     levels.emplace_back();
     levels.back().fd = std::move(child);
     levels.back().textLength = text.size();
@@ -63,43 +75,101 @@ std::error_code DirChain::ascend() {
     return {};
 }
 
+namespace {
+
+// What is left to do in one directory of the walk's current path. A frame
+// costs a few dozen bytes and lives on the heap, so a chain of folders
+// deeper than any stack is walked all the same.
+struct Frame {
+    // In listing order. AsMet: the listing, of which `next` were visited;
+    // the last of those is the one being walked into. The other order: the
+    // directories still to walk into, the last to go first (and to be the
+    // one being walked into, until it is done).
+    std::vector<DirEntry> entries;
+    std::size_t next = 0;
+    int listed = 0;  // AsMet: the errno the listing failed with, said once visited
+};
+
+}  // namespace
+
 bool WalkTree(DirChain& chain, TreeVisitor& visitor, WalkOrder order, std::error_code& ec) {
-    auto enter = [&](const std::string& name) {
-        if (std::error_code open = chain.descend(name))
-            return visitor.cannotEnter(chain, name, open);
-        visitor.entered(chain, name);
-        const bool go = WalkTree(chain, visitor, order, ec);
+    const bool asMet = order == WalkOrder::AsMet;
+    // A deque grows without moving what it holds: no moment holds every
+    // frame twice.
+    std::deque<Frame> frames;
+
+    // Lists the deepest directory into a new frame. In the other order every
+    // entry is visited now, and only the directories to walk into are kept.
+    auto list = [&]() {
+        frames.emplace_back();
+        Frame& frame = frames.back();
+        const std::error_code listed = ReadEntries(chain.fd(), frame.entries);
+        if (asMet) {
+            frame.listed = listed.value();
+            return true;
+        }
+        std::size_t kept = 0;
+        for (std::size_t i = 0; i < frame.entries.size(); ++i) {
+            const Next next = visitor.visit(chain, frame.entries[i]);
+            if (next == Next::Stop)
+                return false;
+            if (next == Next::Enter && kept++ != i)
+                frame.entries[kept - 1] = std::move(frame.entries[i]);
+        }
+        // Only the directories are needed while the walk goes deeper.
+        frame.entries.resize(kept);
+        frame.entries.shrink_to_fit();
+        return !listed || visitor.listingFailed(chain, listed);
+    };
+    // The directory of `frame` the walk is in, or goes into next.
+    auto current = [asMet](const Frame& frame) -> const std::string& {
+        return asMet ? frame.entries[frame.next - 1].name : frame.entries.back().name;
+    };
+
+    if (!list())
+        return false;
+    while (true) {
+        Frame& frame = frames.back();
+        bool enter = false;
+        if (asMet) {
+            while (!enter && frame.next < frame.entries.size()) {
+                const Next next = visitor.visit(chain, frame.entries[frame.next++]);
+                if (next == Next::Stop)
+                    return false;
+                enter = next == Next::Enter;
+            }
+            if (!enter && frame.listed != 0 && !visitor.listingFailed(chain, ErrorOf(frame.listed)))
+                return false;
+        } else {
+            enter = !frame.entries.empty();
+        }
+
+        if (enter) {
+            const std::string& name = current(frame);
+            if (std::error_code open = chain.descend(name)) {
+                if (!visitor.cannotEnter(chain, name, open))
+                    return false;
+                if (!asMet)
+                    frame.entries.pop_back();
+                continue;
+            }
+            visitor.entered(chain, name);
+            if (!list())
+                return false;
+            continue;
+        }
+
+        // Everything below this directory is done: back to its parent.
+        frames.pop_back();
+        if (frames.empty())
+            return true;
         if (std::error_code up = chain.ascend()) {
             ec = up;
             return false;
         }
-        if (go)
-            visitor.left(chain, name);
-        return go;
-    };
-
-    std::vector<DirEntry> entries;
-    const std::error_code listed = ReadEntries(chain.fd(), entries);
-    std::vector<std::string> later;
-    for (DirEntry& entry : entries) {
-        const Next next = visitor.visit(chain, entry);
-        if (next == Next::Stop)
-            return false;
-        if (next == Next::Skip)
-            continue;
-        if (order == WalkOrder::AsMet) {
-            if (!enter(entry.name))
-                return false;
-        } else {
-            later.push_back(std::move(entry.name));
-        }
+        Frame& parent = frames.back();
+        visitor.left(chain, current(parent));
+        if (!asMet)
+            parent.entries.pop_back();
     }
-    // The listing is no longer needed while the walk goes deeper.
-    std::vector<DirEntry>().swap(entries);
-    if (listed && !visitor.listingFailed(chain, listed))
-        return false;
-    for (auto name = later.rbegin(); name != later.rend(); ++name)
-        if (!enter(*name))
-            return false;
-    return true;
 }

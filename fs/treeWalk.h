@@ -11,6 +11,7 @@
 
 #include <sys/types.h>
 
+#include <deque>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -26,6 +27,8 @@ public:
     // Its path text, and the text of an entry in it, as paths join.
     const std::string& path() const { return text; }
     std::string pathOf(const std::string& name) const;
+    // The length of pathOf(name), without making it.
+    std::size_t lengthOf(const std::string& name) const;
     std::size_t depth() const { return levels.size() - 1; }
 
     // Opens the directory `name` in the deepest one (never through a link)
@@ -44,7 +47,7 @@ private:
         ino_t ino = 0;
         std::size_t textLength = 0;
     };
-    std::vector<Level> levels;
+    std::deque<Level> levels;  // grows without moving what it holds
     std::string text;
     std::size_t firstOpen = 1;  // levels [1, firstOpen) were let go
 };
@@ -80,6 +83,8 @@ enum class WalkOrder {
     AfterListingLastFirst,
 };
 
-// Walks everything below the deepest directory of `chain`. Returns false
-// when a visitor ended the walk, or the chain lost its way (ESTALE in `ec`).
+// Walks everything below the deepest directory of `chain`, without recursion:
+// the depth of a tree is bounded by neither the stack nor the descriptors.
+// Returns false when a visitor ended the walk, or the chain lost its way
+// (ESTALE in `ec`); the chain is then left where the walk stopped.
 bool WalkTree(DirChain& chain, TreeVisitor& visitor, WalkOrder order, std::error_code& ec);

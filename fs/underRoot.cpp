@@ -116,11 +116,54 @@ std::error_code Walk(int start, std::string_view rel, bool create, int& hops, Un
     return {};
 }
 
+// Where `path` starts: "/" for an absolute path, the working directory
+// otherwise. Neither is a link.
+std::error_code OpenStart(std::string_view path, UniqueFd& out) {
+    return OpenDirAt(AT_FDCWD, !path.empty() && path[0] == '/' ? "/" : ".", out, true);
+}
+
 }  // namespace
 
 std::error_code OpenRootFor(const std::string& root, std::string_view rel, UniqueFd& out) {
-    const char* base = !rel.empty() && rel[0] == '/' ? "/" : root.empty() ? "." : root.c_str();
-    return OpenDirAt(AT_FDCWD, base, out, true);
+    if ((!rel.empty() && rel[0] == '/') || root.empty())
+        return OpenStart(rel.empty() ? std::string_view(".") : rel, out);
+    return OpenDirAtPath(root, out);
+}
+
+std::error_code OpenDirAtPath(const std::string& path, UniqueFd& out) {
+    if (path.empty())
+        return ErrorOf(ENOENT);
+    UniqueFd start;
+    if (std::error_code ec = OpenStart(path, start))
+        return ec;
+    return OpenDirBelow(start.get(), path, out);
+}
+
+std::error_code MakeDirsAtPath(const std::string& path, UniqueFd& out) {
+    if (path.empty())
+        return ErrorOf(EINVAL);
+    UniqueFd start;
+    if (std::error_code ec = OpenStart(path, start))
+        return ec;
+    return MakeDirsBelow(start.get(), path, out);
+}
+
+std::error_code OpenEntryParent(const std::string& path, UniqueFd& dir, std::string& name) {
+    if (path.empty())
+        return ErrorOf(ENOENT);
+    std::string_view parent, leaf;
+    SplitLeaf(path, parent, leaf);
+    // A trailing separator would make the system follow a link at the leaf
+    // even where told not to: such a leaf is resolved as any other folder.
+    if (leaf.empty() || leaf.back() == '/' || leaf == "." || leaf == "..") {
+        name = ".";
+        return OpenDirAtPath(path, dir);
+    }
+    name.assign(leaf);
+    UniqueFd start;
+    if (std::error_code ec = OpenStart(path, start))
+        return ec;
+    return OpenDirBelow(start.get(), parent, dir);
 }
 
 std::error_code OpenDirBelow(int base, std::string_view rel, UniqueFd& out) {

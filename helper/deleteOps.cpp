@@ -15,7 +15,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
+#include <iomanip>
 #include <thread>
 #include <vector>
 
@@ -24,8 +26,9 @@ namespace fs = std::filesystem;
 // ------------------------------------------------------------ deleting files
 
 // A folder climbed to while pruning: the handle of the folder that holds it
-// and its name there. Below the root it is reached as every path under the
-// root is; the root and what lies above it are the front-end's, as given.
+// and its name there. Below the root it is reached through the root, the root
+// and what lies above it from "/" (or the working directory); trusted links
+// only, either way.
 static std::error_code OpenPruneStep(const std::string& root, const fs::path& dir,
                                      UniqueFd& parent, std::string& name) {
     std::string base = root;
@@ -37,11 +40,9 @@ static std::error_code OpenPruneStep(const std::string& root, const fs::path& di
                        text[cut - 1] == '/';
     if (below)
         return OpenParentUnderRoot(root, std::string_view(text).substr(cut), parent, name);
-    name = dir.filename().string();
-    return OpenDirAt(AT_FDCWD,
-                     dir.has_relative_path() && dir.parent_path().empty() ? "."
-                                                                         : dir.parent_path().c_str(),
-                     parent, true);
+    if (text.empty())
+        return ErrorOf(ENOENT);  // climbed past a relative root's first folder
+    return OpenParentUnderRoot(std::string(), text, parent, name);
 }
 
 // What the library's is_empty says of `name` in `dir`: a directory without
@@ -158,9 +159,8 @@ public:
 
     Next visit(DirChain& dir, const DirEntry& entry) override {
         if (entry.type == EntryType::Directory) {
-            const std::string text = dir.pathOf(entry.name);
-            folders.push_back(Folder{current, static_cast<std::uint32_t>(text.size()), entry.name,
-                                     1, false});
+            folders.push_back(Folder{current, static_cast<std::uint32_t>(dir.lengthOf(entry.name)),
+                                     entry.name, 1, false});
             pending = static_cast<std::uint32_t>(folders.size() - 1);
             return Next::Enter;
         }
@@ -196,14 +196,12 @@ public:
     // Walking into the folder just listed: it is listed a second time.
     void entered(DirChain&, const std::string&) override {
         folders[pending].entries = 2;
-        parents.push_back(current);
         current = pending;
     }
 
     void left(DirChain& dir, const std::string& name) override {
         const std::uint32_t done = current;
-        current = parents.back();
-        parents.pop_back();
+        current = folders[done].parent;
         folders[done].removed = !RemoveDirAt(dir.fd(), name.c_str());
     }
 
@@ -215,25 +213,33 @@ public:
         return true;
     }
 
+    // Climbs to the top and back down without recursion: a chain of folders
+    // may be deeper than any stack.
     std::string pathOf(std::uint32_t folder) const {
-        if (folder == 0)
-            return folders[0].name;
-        std::string text = pathOf(folders[folder].parent);
-        if (text.back() != '/')
-            text += '/';
-        return text + folders[folder].name;
+        std::vector<std::uint32_t> below;
+        for (std::uint32_t at = folder; at != 0; at = folders[at].parent)
+            below.push_back(at);
+        std::string text = folders[0].name;
+        text.reserve(folders[folder].length);
+        for (auto at = below.rbegin(); at != below.rend(); ++at) {
+            if (!text.empty() && text.back() != '/')
+                text += '/';
+            text += folders[*at].name;
+        }
+        return text;
     }
 
-    std::vector<Folder> folders;
+    // A deque grows without copying what it holds: no moment holds the
+    // folders twice.
+    std::deque<Folder> folders;
     std::vector<FailedFile> failed;
     std::size_t files = 0;
     std::uint32_t current = 0, pending = 0;
-    std::vector<std::uint32_t> parents;
 };
 
 // Opens the folder `index` of the walk again from the top, by name and never
 // through a link, to retry a removal in it.
-std::error_code OpenFolder(int top, const std::vector<Folder>& folders, std::uint32_t index,
+std::error_code OpenFolder(int top, const std::deque<Folder>& folders, std::uint32_t index,
                            UniqueFd& out) {
     std::vector<const std::string*> names;
     for (std::uint32_t at = index; at != 0; at = folders[at].parent)
@@ -259,8 +265,17 @@ static std::error_code RetryRemoval(const fs::path& p, std::error_code first,
 
 std::error_code DeleteWithRetry(fs::path p) {
     auto attempt = [&p] {
+        // Through the handle of the folder that holds it, reached as every
+        // path is; a path that leads nowhere has nothing to remove.
+        if (p.empty())
+            return std::error_code();
+        UniqueFd parent;
+        std::string name;
+        std::error_code ec = OpenParentUnderRoot(std::string(), p.native(), parent, name);
+        if (ec == std::errc::no_such_file_or_directory)
+            return std::error_code();
         bool removed;
-        return RemoveEntryAt(AT_FDCWD, p.c_str(), removed);
+        return ec ? ec : RemoveEntryAt(parent.get(), name.empty() ? "." : name.c_str(), removed);
     };
     const std::error_code ec = attempt();
     return ec ? RetryRemoval(p, ec, attempt) : ec;
@@ -276,10 +291,10 @@ static void SortLongestFirst(std::vector<T>& items, Length length) {
 
 int DoDelFolder(std::string folder) {
     ZQIMLog("DoDelFolder() - Deleting folder:" + folder);
-    // The folder named is the front-end's and is opened as the system
-    // resolves it; everything below it only through the handles of the walk.
+    // The folder named is reached from "/" through trusted links only, and
+    // everything below it only through the handles of the walk.
     UniqueFd top;
-    const std::error_code topEc = OpenDirAt(AT_FDCWD, folder.c_str(), top, true);
+    const std::error_code topEc = OpenDirAtPath(folder, top);
     FolderDeletion deletion(folder);
     if (topEc) {
         ZQIMLog("FindFilesAndFolders(", fs::path(folder),
@@ -326,15 +341,17 @@ int DoDelFolder(std::string folder) {
     }
     for (std::uint32_t i : order) {
         Folder& f = deletion.folders[i];
-        const fs::path p(deletion.pathOf(i));
+        // Quoted as a path is, without splitting a path of a deep chain into
+        // as many components as it has levels.
+        const std::string text = deletion.pathOf(i);
         for (int entry = 0; entry < f.entries; ++entry) {
-            ZQIMLog("DoDelFolder(", folder, ") - deleting folder: ", p);
+            ZQIMLog("DoDelFolder(", folder, ") - deleting folder: ", std::quoted(text));
             if (f.removed)
                 continue;  // gone already, and a missing folder is no error
-            const std::error_code ec = i == 0 ? DeleteWithRetry(p) : [&] {
+            const std::error_code ec = i == 0 ? DeleteWithRetry(fs::path(text)) : [&] {
                 auto attempt = [&] { return removeIn(f.parent, f.name); };
                 const std::error_code first = attempt();
-                return first ? RetryRemoval(p, first, attempt) : first;
+                return first ? RetryRemoval(fs::path(text), first, attempt) : first;
             }();
             if (ec)
                 ZQIMLog("DoDelFolder(" + folder + ") - error deleting folder: " +

@@ -42,9 +42,11 @@ static int ReportCreateDirsFailure(const fs::path& dir, std::error_code ec) {
     return result;
 }
 
+// The directory and its parents are made one component at a time through
+// handles, following only trusted links, as every path below the root is.
 int ZQIMCreateDirs(fs::path dir) {
-    std::error_code ec;
-    fs::create_directories(dir, ec);
+    UniqueFd made;
+    const std::error_code ec = MakeDirsAtPath(dir.native(), made);
     return ec ? ReportCreateDirsFailure(dir, ec) : 0;
 }
 
@@ -57,9 +59,8 @@ int DoMakeDir(std::string dir) {
 
 // ------------------------------------------------------------ move or copy
 
-// Creates the folders that hold `destination` under `root`. The root is the
-// front-end's and is made as the system resolves it; below it, only links
-// that root or the helper's user own are followed.
+// Creates the folders that hold `destination` under `root`, the root too
+// where it is missing; only trusted links are followed on the way.
 static int CreateParentsUnderRoot(const std::string& root, const std::string& destination) {
     const fs::path relParent = fs::path(destination).parent_path();
     const fs::path shown = fs::path(root) / relParent;
@@ -69,11 +70,8 @@ static int CreateParentsUnderRoot(const std::string& root, const std::string& de
         return ReportCreateDirsFailure(shown, ErrorOf(EINVAL));
     UniqueFd base, made;
     std::error_code ec = OpenRootFor(root, relParent.native(), base);
-    if (ec == std::errc::no_such_file_or_directory && !root.empty()) {
-        fs::create_directories(fs::path(root), ec);
-        if (!ec)
-            ec = OpenRootFor(root, relParent.native(), base);
-    }
+    if (ec == std::errc::no_such_file_or_directory && !root.empty())
+        ec = MakeDirsAtPath(root, base);
     if (!ec)
         ec = MakeDirsBelow(base.get(), relParent.native(), made);
     return ec ? ReportCreateDirsFailure(shown, ec) : 0;
@@ -122,13 +120,20 @@ static int MoveOrCopy(const fs::path& source, const Target& target, bool move,
                       std::size_t hopsLeft) {
     const fs::path& destination = target.shown;
     const bool doMove = move && !rootIsCrossDevice;
-    // The source is the front-end's staged payload, taken as given; the
-    // target is reached through the handle of the folder that holds it.
+    // The target is reached through the handle of the folder that holds it;
+    // the source, the front-end's staged payload, as every path is: a folder
+    // on its way that someone else swapped for a link is refused.
     UniqueFd parent;
     std::string leaf;
     std::error_code error = OpenTargetParent(target, parent, leaf);
     if (!error && doMove) {
-        error = RenameAt(AT_FDCWD, source.c_str(), parent.get(), leaf.c_str());
+        UniqueFd from;
+        std::string name;
+        error = source.empty() ? ErrorOf(ENOENT)
+                               : OpenParentUnderRoot(std::string(), source.native(), from, name);
+        if (!error)
+            error = RenameAt(from.get(), name.empty() ? "." : name.c_str(), parent.get(),
+                             leaf.c_str());
     } else if (!error) {
         error = CopyIntoPlace(source.string(), parent.get(), leaf);
     }

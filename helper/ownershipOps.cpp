@@ -5,7 +5,9 @@
 
 #include "fileHandles.h"
 #include "helperLog.h"
+#include "platform.h"
 #include "treeWalk.h"
+#include "underRoot.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -24,6 +26,23 @@ static std::string ChownOutcome(int returned, int error) {
     std::ostringstream text;
     text << returned << ", errno=" << error << " (" << std::strerror(error) << ")";
     return text.str();
+}
+
+// Hands the entry `name` in `dir` to the user, judged and changed through one
+// handle on the entry itself: a link is changed itself, and what is changed
+// is what was judged, whatever takes the name meanwhile. A file with another
+// name is refused (EMLINK): that name may be anywhere, a file of root's among
+// them, linked into the tree by whoever can write to it.
+static std::error_code HandOver(int dir, const char* name, uid_t user, gid_t group) {
+    UniqueFd entry;
+    if (std::error_code ec = OpenLinkItself(dir, name, entry))
+        return ec;
+    struct stat st;
+    if (::fstat(entry.get(), &st) != 0)
+        return LastError();
+    if (!S_ISDIR(st.st_mode) && st.st_nlink > 1)
+        return ErrorOf(EMLINK);
+    return ChangeOwnerOfHeld(entry.get(), user, group);
 }
 
 namespace {
@@ -82,7 +101,7 @@ public:
 
 private:
     void Change(DirChain& dir, const std::string& name) {
-        const std::error_code ec = ChangeOwnerAt(dir.fd(), name.c_str(), user, group);
+        const std::error_code ec = HandOver(dir.fd(), name.c_str(), user, group);
         if (!ec)
             return;
         ZQIMLog("DoFixPerms(recursive, uid=", user, ",gid=", group, ") - chown error (",
@@ -104,20 +123,23 @@ int DoFixPerms(std::string uid, std::string gid, std::string path, bool recursiv
             ") - Fixing permissions for: ", path);
 
     if (!recursive) {
-        // The line shows errno whatever lchown returned, as it always has
-        // (after a success, whatever an earlier call left there).
-        const int returned = lchown(path.c_str(), user, group);
-        const int error = errno;
+        // The line shows errno whatever the change returned, as it always
+        // has (after a success, whatever an earlier call left there).
+        const int before = errno;
+        UniqueFd dir;
+        std::string name;
+        std::error_code ec = OpenEntryParent(path, dir, name);
+        if (!ec)
+            ec = HandOver(dir.get(), name.c_str(), user, group);
         ZQIMLog("DoFixPerms(single, uid=", user, ",gid=", group, ") - chown done (",
-                ChownOutcome(returned, error), ") on: ", path);
+                ChownOutcome(ec ? -1 : 0, ec ? ec.value() : before), ") on: ", path);
         return 0;
     }
 
-    // The top is the front-end's and is opened as the system resolves it; it
-    // keeps its owner, only what lies below it changes.
+    // The top keeps its owner, only what lies below it changes.
     OwnershipRepair repair(user, group);
     UniqueFd top;
-    if (std::error_code ec = OpenDirAt(AT_FDCWD, path.c_str(), top, true)) {
+    if (std::error_code ec = OpenDirAtPath(path, top)) {
         repair.ReportUnopened(path, ec);
         return 1;
     }
