@@ -106,22 +106,24 @@ const std::string kChanged =
     "it was copied.\n";
 
 // Switches fs.protected_hardlinks off for its lifetime, so that a user may
-// link a file they do not own (as macOS always lets them).
+// link a file they do not own (as macOS always lets them); kept short, as
+// other tests may need the switch too. Found off, it is left alone.
 class HardLinksUnprotected {
 public:
-    HardLinksUnprotected() : old(ReadFile(kPath)) {
-        if (!old.empty())
+    HardLinksUnprotected() : old(ReadFile(kPath)), changed(!old.empty() && old != "0\n") {
+        if (changed)
             WriteFile(kPath, "0\n");
     }
     ~HardLinksUnprotected() {
-        if (!old.empty())
+        if (changed)
             WriteFile(kPath, old);
     }
-    bool ok() const { return !old.empty() && ReadFile(kPath) == "0\n"; }
+    bool ok() const { return ReadFile(kPath) == "0\n"; }
 
 private:
     static constexpr const char* kPath = "/proc/sys/fs/protected_hardlinks";
     std::string old;
+    bool changed;
 };
 
 }  // namespace
@@ -133,16 +135,18 @@ private:
 TEST(UntrustedPayload, HardLinkToRootsFileIsNeverRead) {
     if (!IsRoot())
         GTEST_SKIP() << "playing another user needs root";
-    HardLinksUnprotected unprotected;
-    if (!unprotected.ok())
-        GTEST_SKIP() << "fs.protected_hardlinks cannot be switched off here";
     Scene scene;
     const fs::path payload = scene.stage / "payload", trusted = scene.tmp / "trusted";
-    scene.Payload([&] {
-        fs::create_directories(payload / "doc");
-        WriteFile(payload / "doc/readme", "docs");
-        return link((scene.victim / "secret").c_str(), (payload / "doc/notes").c_str()) == 0;
-    });
+    {
+        HardLinksUnprotected unprotected;
+        if (!unprotected.ok())
+            GTEST_SKIP() << "fs.protected_hardlinks cannot be switched off here";
+        scene.Payload([&] {
+            fs::create_directories(payload / "doc");
+            WriteFile(payload / "doc/readme", "docs");
+            return link((scene.victim / "secret").c_str(), (payload / "doc/notes").c_str()) == 0;
+        });
+    }
     Put(trusted / "a", "shared");
     fs::create_hard_link(trusted / "a", trusted / "b");
 
