@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -168,4 +169,50 @@ TEST(CopyAttributes, UntrustedPayloadLosesCapabilityAndGrantingAclEntries) {
     EXPECT_EQ(acl.find("user:65534"), std::string::npos) << acl;
     const std::string defaults = Output("getfacl -cpd '" + (tmp / "root/app/bin").string() + "'");
     EXPECT_EQ(defaults.find("user:65534"), std::string::npos) << defaults;
+}
+
+// A volume that holds no extended attributes, ACLs nor capabilities (ramfs)
+// still takes the copy, its data and times: what it refuses as not
+// supported is skipped, as cp -a skips it.
+TEST(CopyAttributes, WhatTheVolumeDoesNotSupportIsSkipped) {
+    if (!IsRoot() || !HaveTools())
+        GTEST_SKIP() << "needs root, setcap, setfacl, getfacl and setfattr";
+    TempDir tmp, ram, comm;
+    if (mount("ramfs", ram.path().c_str(), "ramfs", 0, nullptr) != 0)
+        GTEST_SKIP() << "mounting a ramfs needs privilege";
+    ASSERT_TRUE(MakePayload(tmp / "payload"));
+    Frontend frontend(comm.path());
+    frontend.send(1, "setRoot " + ram.path().string() + "\ncopySrc " + (tmp / "payload").string() +
+                         "\ncopyDest app\nexit\n");
+    HelperProcess helper({"-c", comm.path().string()});
+    const bool ended = helper.wait(30s);
+    const auto copy = Describe(ram / "app");
+    umount2(ram.path().c_str(), MNT_DETACH);
+    ASSERT_TRUE(ended);
+    EXPECT_FALSE(fs::exists(frontend.file(1, ".err"))) << frontend.logText();
+    ASSERT_EQ(copy.size(), kEntries.size());
+    EXPECT_EQ(copy.at("bin/prog"), "0 33256 1500000000.123456789 1577934245.123456789");
+}
+
+// An attribute the destination refuses for another reason (a value too
+// large for ext4) fails the copy with that error, and the file it was to
+// replace stays whole, with no temporary entry left beside it.
+TEST(CopyAttributes, AnAttributeThatCannotBeSetLeavesTheOldFileWhole) {
+    ScratchMount shm(1 << 20);
+    if (!shm.ok())
+        GTEST_SKIP() << "mounting a tmpfs needs privilege";
+    TempDir disk, comm;
+    WriteFile(shm.path() / "prog", "new");
+    ASSERT_EQ(setxattr((shm.path() / "prog").c_str(), "user.big", std::string(20000, 'x').data(),
+                       20000, 0), 0);
+    WriteFile(disk / "prog", "old");
+    Frontend frontend(comm.path());
+    frontend.send(1, "setRoot " + disk.path().string() + "\ncopySrc " + (shm.path() / "prog").string() +
+                         "\ncopyDest prog\nexit\n");
+    HelperProcess helper({"-c", comm.path().string()});
+    ASSERT_TRUE(helper.wait(30s));
+    EXPECT_EQ(ReadFile(frontend.file(1, ".err")), "2001\nend\n");
+    EXPECT_NE(frontend.logText().find("ZQIMMoveOrCopyFile() - No space on device for"), std::string::npos);
+    EXPECT_EQ(ReadFile(disk / "prog"), "old");
+    EXPECT_EQ(std::distance(fs::directory_iterator(disk.path()), fs::directory_iterator()), 1);
 }
