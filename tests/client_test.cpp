@@ -32,11 +32,12 @@ zqim::Session Start(const std::string& dir = "") {
     return zqim::Session::Start(options);
 }
 
-// Runs the zqim tool; returns its exit status and, in `output`, what it printed.
-int Tool(const std::string& args, std::string& output) {
+// Runs the zqim tool; returns its exit status and, in `output`, what it printed
+// (on standard output alone, without `withErrors`).
+int Tool(const std::string& args, std::string& output, bool withErrors = true) {
     TempDir out;
     const std::string command = std::string(ZQIM_TOOL_BINARY) + " " + args + " >" +
-                                (out / "out").string() + " 2>&1";
+                                (out / "out").string() + (withErrors ? " 2>&1" : " 2>/dev/null");
     const int status = std::system(command.c_str());
     output = ReadFile(out / "out");
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -113,8 +114,9 @@ TEST(Client, HelperKilledMidFileIsReportedAsDiedOnIt) {
     EXPECT_EQ(a.how.rfind("killed by signal 9", 0), 0u) << a.how;
 }
 
-// A given directory is refused while others may write to it, or while it
-// holds a command file of an earlier run, which a new helper would run.
+// A given directory is refused while others may write to it or to a folder
+// above it, when it is a link, or while it holds a command file of an
+// earlier run, which a new helper would run.
 TEST(Client, GivenDirectoryMustBePrivateAndHoldNoEarlierRun) {
     TempDir comm;
     auto refusal = [&] {
@@ -130,6 +132,35 @@ TEST(Client, GivenDirectoryMustBePrivateAndHoldNoEarlierRun) {
     fs::permissions(comm.path(), fs::perms::others_write, fs::perm_options::remove);
     WriteFile(comm / "ZQCmd3.zqfin", "Finished.");
     EXPECT_EQ(refusal(), EEXIST);
+    fs::remove(comm / "ZQCmd3.zqfin");
+
+    // The directory itself, never a link to it, and the folders above it:
+    // root's private directory in another user's folder is that user's to
+    // swap, for the library and for zqim run alike.
+    TempDir work;
+    const fs::path link = work / "link", theirs = work / "theirs";
+    fs::create_directory_symlink(comm.path(), link);
+    EXPECT_THROW(Start(link.string()), std::system_error);
+    if (!IsRoot())
+        return;
+    fs::permissions(work.path(), fs::perms(0755));
+    fs::create_directories(theirs / "comm");
+    fs::permissions(theirs / "comm", fs::perms::owner_all);
+    ASSERT_EQ(chown(theirs.c_str(), 65534, 65534), 0);
+    try {
+        Start((theirs / "comm").string());
+        ADD_FAILURE() << "a directory in another user's folder was accepted";
+    } catch (const std::system_error& e) {
+        EXPECT_EQ(e.code().value(), EPERM);
+        EXPECT_NE(std::string(e.what()).find("(" + theirs.string() + " is owned by uid 65534)"),
+                  std::string::npos) << e.what();
+    }
+    WriteFile(work / "one.txt", "exit\n");
+    std::string out;
+    EXPECT_EQ(Tool("run --helper " + std::string(ZQIM_HELPER_BINARY) + " --comm " +
+                       (theirs / "comm").string() + " " + (work / "one.txt").string(), out), 1);
+    EXPECT_NE(out.find("must be owned by this user or root"), std::string::npos) << out;
+    EXPECT_FALSE(fs::exists(theirs / "comm/ZQCmd1.txt"));
 }
 
 // A command file is complete under its own name before its signal file
@@ -195,5 +226,21 @@ TEST(ZqimTool, RunsFilesSumsUpAndChecksFirst) {
     EXPECT_EQ(Tool("check --format=json " + (work / "typo.txt").string(), out), 1) << out;
     EXPECT_NE(out.find("\"unknown command 'd\xc3\xa9lFile /a\\u00ff' is skipped; did you mean "
                        "'delFile'?\""), std::string::npos) << out;
-    EXPECT_EQ(Tool("frobnicate", out), 64);
+}
+
+// Asked for, the usage (a line per option) and the version go to standard
+// output with success; a wrong command line still gets the short usage on
+// standard error, with 64.
+TEST(ZqimTool, HelpAndVersionAnswerOnStandardOutput) {
+    std::string out;
+    EXPECT_EQ(Tool("--help", out, false), 0);
+    for (const char* option : {"--no-pid", "--format=json", "--comm DIR", "--helper PATH", "--keep",
+                               "-v", "--check", "--help", "--version"})
+        EXPECT_NE(out.find("\n  " + std::string(option) + " "), std::string::npos) << option;
+    EXPECT_EQ(Tool("--version", out, false), 0);
+    EXPECT_EQ(out, "zqim " ZQIM_PROJECT_VERSION "\n");
+    EXPECT_EQ(Tool("frobnicate", out, false), 64);
+    EXPECT_EQ(out, "");
+    EXPECT_EQ(Tool("check", out), 64);
+    EXPECT_EQ(out.rfind("usage: zqim check", 0), 0u) << out;
 }
