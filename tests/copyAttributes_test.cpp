@@ -164,10 +164,10 @@ TEST(CopyAttributes, UntrustedPayloadLosesCapabilityAndGrantingAclEntries) {
     EXPECT_NE(copy.at("bin").find(" 1577934245.222222222"), std::string::npos);
     EXPECT_NE(copy.at("bin/current").find(" 1500000000.987654321 1577934245.987654321"),
               std::string::npos);
-    const std::string acl = Output("getfacl -cp '" + (tmp / "root/app/bin/prog").string() + "'");
+    const std::string acl = Output("getfacl -cpn '" + (tmp / "root/app/bin/prog").string() + "'");
     EXPECT_NE(acl.find("user:1234:---"), std::string::npos) << acl;
     EXPECT_EQ(acl.find("user:65534"), std::string::npos) << acl;
-    const std::string defaults = Output("getfacl -cpd '" + (tmp / "root/app/bin").string() + "'");
+    const std::string defaults = Output("getfacl -cpnd '" + (tmp / "root/app/bin").string() + "'");
     EXPECT_EQ(defaults.find("user:65534"), std::string::npos) << defaults;
 }
 
