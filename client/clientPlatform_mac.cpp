@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <map>
+#include <thread>
 
 namespace zqim::detail {
 
@@ -98,7 +99,7 @@ void ChangeWatch::Sleep(std::chrono::milliseconds limit) {
     if (state->queue < 0 || state->dirFd < 0 || !state->helperWatched)
         limit = std::min(limit, kFallbackTick);
     if (state->queue < 0) {
-        ::usleep(static_cast<useconds_t>(limit.count() * 1000));
+        std::this_thread::sleep_for(limit);
         return;
     }
     const long long millis = std::max<long long>(0, limit.count());

@@ -97,7 +97,9 @@ std::string FindProgram(const std::string& name) {
     std::istringstream dirs(path && *path ? path : "/usr/bin:/bin");
     for (std::string dir; std::getline(dirs, dir, ':');) {
         const std::string candidate = (dir.empty() ? "." : dir) + "/" + name;
-        if (::access(candidate.c_str(), X_OK) == 0)
+        struct stat st;
+        if (::stat(candidate.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+            ::access(candidate.c_str(), X_OK) == 0)
             return candidate;
     }
     Refuse(ENOENT, "cannot start the helper: no " + name + " on PATH");

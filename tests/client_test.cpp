@@ -51,13 +51,21 @@ int Tool(const std::string& args, std::string& out, std::string& err,
 }
 
 // A stand-in for the helper that answers nothing: it notes its arguments in
-// `args` and sleeps until killed.
+// `args` (whole, by a rename) and sleeps until killed.
 fs::path SilentHelper(const TempDir& dir) {
     const fs::path script = dir / "silent-helper";
-    WriteFile(script, "#!/bin/sh\nprintf '%s\\n' \"$@\" >" + (dir / "args").string() +
-                          "\nexec sleep 60\n");
+    const std::string args = (dir / "args").string();
+    WriteFile(script, "#!/bin/sh\nprintf '%s\\n' \"$@\" >" + args + ".new && mv " + args +
+                          ".new " + args + "\nexec sleep 60\n");
     fs::permissions(script, fs::perms::owner_all);
     return script;
+}
+
+// The arguments SilentHelper noted, once it has.
+std::string NotedArguments(const TempDir& dir) {
+    for (int i = 0; i < 2000 && !fs::exists(dir / "args"); ++i)
+        std::this_thread::sleep_for(5ms);
+    return ReadFile(dir / "args");
 }
 
 // A folder that cannot be made: makeDir records a code for it and the file
@@ -340,9 +348,9 @@ TEST(Client, PassesWakeAndWaitsByEvents) {
     {
         options.wake = false;
         zqim::Session quiet = zqim::Session::Start(options);
-        for (int i = 0; i < 200 && ReadFile(bin / "args").find("-p") == std::string::npos; ++i)
-            std::this_thread::sleep_for(5ms);
-        EXPECT_EQ(ReadFile(bin / "args").find("-w"), std::string::npos) << ReadFile(bin / "args");
+        const std::string args = NotedArguments(bin);
+        EXPECT_NE(args.find("\n-p\n"), std::string::npos) << args;
+        EXPECT_EQ(args.find("\n-w\n"), std::string::npos) << args;
     }
     fs::remove(bin / "args");
     fs::remove(comm / "helper-output.log");
@@ -365,7 +373,7 @@ TEST(Client, PassesWakeAndWaitsByEvents) {
     }
     std::sort(late.begin(), late.end());
     EXPECT_LT(late[late.size() / 2], 10.0) << "median ms from the finished file to the answer";
-    EXPECT_NE(ReadFile(bin / "args").find("-w\n"), std::string::npos) << ReadFile(bin / "args");
+    EXPECT_NE(NotedArguments(bin).find("\n-w\n"), std::string::npos) << NotedArguments(bin);
 
     const int number = helper.Send("progress 2\n");
     std::chrono::steady_clock::time_point killed;
