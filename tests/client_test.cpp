@@ -550,3 +550,16 @@ TEST(ZqimTool, OptionsTakeBothFormsStandardInputAndDoubleDash) {
     EXPECT_EQ(Tool("run --help", out, err), 0);
     EXPECT_NE(out.find("usage: zqim check"), std::string::npos);
 }
+
+// Asked for, the usage (a line per option) and the version go to standard
+// output with success.
+TEST(ZqimTool, HelpAndVersionAnswerOnStandardOutput) {
+    std::string out, err;
+    EXPECT_EQ(Tool("--help", out, err), 0);
+    for (const char* option : {"--no-pid", "--format=json", "--comm DIR", "--helper PATH", "--keep",
+                               "-v", "--no-check", "--help", "--version"})
+        EXPECT_NE(out.find("\n  " + std::string(option) + " "), std::string::npos) << option;
+    EXPECT_EQ(Tool("--version", out, err), 0);
+    EXPECT_EQ(out, "zqim " ZQIM_PROJECT_VERSION "\n");
+    EXPECT_EQ(err, "");
+}

@@ -3,6 +3,7 @@
 //   zqim check [--no-pid] [--format=text|json] FILE...       (- reads standard input)
 //   zqim run [--comm DIR] [--helper PATH] [--keep] [-v] [--no-check]
 //            [--format=text|json] FILE...
+//   zqim --help | --version
 //
 // Options take their value as --opt=value or --opt value; -- ends them.
 // Exit statuses: zqim(1).
@@ -34,6 +35,22 @@ const char* kUsage =
     "       zqim run [--comm DIR] [--helper PATH] [--keep] [-v] [--no-check]\n"
     "                [--format=text|json] FILE...\n"
     "FILE - is standard input; options take --opt=value or --opt value; -- ends them.\n";
+
+const char* kOptions =
+    "       zqim --help | --version\n"
+    "\n"
+    "zqim check: reads command files as the helper would; runs nothing.\n"
+    "  --no-pid         the helper will watch no process (waitForPID never returns)\n"
+    "  --format=json    the findings as JSON (--format=text: as lines, the default)\n"
+    "zqim run: checks the files, then sends them to a helper, one after the other.\n"
+    "  --comm DIR       use DIR as the communication directory, not a private one\n"
+    "  --helper PATH    the helper to start (else the one beside zqim, or on PATH)\n"
+    "  --keep           leave the answered files (and a private directory) in place\n"
+    "  -v               print every line of the helper's log (also --verbose)\n"
+    "  --no-check       send the files without checking them first\n"
+    "  --format=json    one JSON object per event on standard output\n"
+    "  --help           print this text\n"
+    "  --version        print the version\n";
 
 // Exit statuses (zqim(1)).
 constexpr int kRunFailedLine = 1;   // run: a line failed; the run stopped after its file
@@ -529,14 +546,16 @@ int main(int argc, char** argv) {
         return UsageError("no command");
     const std::string command = args[0];
     args.erase(args.begin());
+    if (command == "--version")
+        return std::cout << "zqim " ZQIM_VERSION "\n", 0;
     for (const std::string& arg : args) {
         if (arg == "--")
             break;
         if (arg == "--help" || arg == "-h")
-            return std::cout << kUsage, 0;
+            return std::cout << kUsage << kOptions, 0;
     }
     if (command == "--help" || command == "-h")
-        return std::cout << kUsage, 0;
+        return std::cout << kUsage << kOptions, 0;
     try {
         if (command == "check")
             return Check(args);
