@@ -2,6 +2,7 @@
 
 #include "answerLog.h"
 #include "clientPlatform.h"
+#include "privateDir.h"
 #include "zqimProtocol.h"
 
 #include <fcntl.h>
@@ -63,18 +64,27 @@ void WriteAll(const std::string& path, const std::string& content) {
     Fail(what);
 }
 
-// A directory given for the exchange must be as safe as a private one, and
-// hold nothing of an earlier run: a new helper would run a command file left
-// there, and its old finished file would pass for the new answer.
+// Whose folders and links the front-end may rely on: root's and its own.
+bool TrustedByUs(uid_t owner) {
+    return owner == 0 || owner == ::geteuid() || owner == ::getuid();
+}
+
+// A directory given for the exchange must be as safe as a private one, by
+// the helper's own rule (the directory itself, not a link, and every folder
+// above it), and hold nothing of an earlier run: a new helper would run a
+// command file left there, and its old finished file would pass for the new
+// answer.
 void CheckGivenDir(const std::string& dir) {
-    struct stat st;
-    if (::stat(dir.c_str(), &st) != 0)
-        Fail("no communication directory " + dir);
-    if (!S_ISDIR(st.st_mode))
-        Refuse(ENOTDIR, "no communication directory " + dir);
-    if ((st.st_uid != ::geteuid() && st.st_uid != 0) || (st.st_mode & (S_IWGRP | S_IWOTH)))
+    int fd;
+    std::string reason;
+    switch (OpenPrivateDir(dir, TrustedByUs, fd, reason)) {
+    case DirCheck::Private: ::close(fd); break;
+    case DirCheck::Missing: Fail("no communication directory " + dir);
+    case DirCheck::NotPrivate:
         Refuse(EPERM, "communication directory " + dir +
-                          " must be owned by this user or root and writable by no one else");
+                          " must be owned by this user or root and writable by no one else, and "
+                          "so must the folders above it (" + reason + ")");
+    }
     std::error_code ec;
     for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
         const std::string name = it->path().filename().string();

@@ -73,6 +73,44 @@ std::error_code ChangeOwnerAt(int dir, const char* name, uid_t user, gid_t group
     return Outcome(::fchownat(dir, name, user, group, AT_SYMLINK_NOFOLLOW));
 }
 
+std::error_code MarkCloseOnExec(int fd) {
+    const int flags = ::fcntl(fd, F_GETFD);
+    if (flags < 0)
+        return LastError();
+    return (flags & FD_CLOEXEC) ? std::error_code() : Outcome(::fcntl(fd, F_SETFD, flags | FD_CLOEXEC));
+}
+
+std::error_code WriteAll(int fd, const std::string& data) {
+    for (std::size_t done = 0; done < data.size();) {
+        const ssize_t n = ::write(fd, data.data() + done, data.size() - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return LastError();
+        if (n == 0)  // a write that takes nothing: the disk is full
+            return ErrorOf(ENOSPC);
+        done += static_cast<std::size_t>(n);
+    }
+    return {};
+}
+
+std::error_code ReadSome(int fd, char* buffer, std::size_t size, std::size_t& got) {
+    got = 0;
+    while (true) {
+        const ssize_t n = ::read(fd, buffer, size);
+        if (n >= 0) {
+            got = static_cast<std::size_t>(n);
+            return {};
+        }
+        if (errno != EINTR)
+            return LastError();
+    }
+}
+
+std::error_code ChangeOwnerOf(int fd, uid_t user, gid_t group) {
+    return Outcome(::fchown(fd, user, group));
+}
+
 static EntryType TypeOfMode(mode_t mode) {
     if (S_ISDIR(mode))
         return EntryType::Directory;

@@ -84,3 +84,14 @@ std::error_code ReadLinkAt(int dir, const char* name, std::string& target);
 std::error_code RenameAt(int fromDir, const char* from, int toDir, const char* to);
 // Gives `name` in `dir` (a link itself, never what it points to) a new owner.
 std::error_code ChangeOwnerAt(int dir, const char* name, uid_t user, gid_t group);
+// Gives the open file `fd` a new owner (a group of -1 keeps the group).
+std::error_code ChangeOwnerOf(int fd, uid_t user, gid_t group);
+
+// Sets close-on-exec on `fd`, keeping its other descriptor flags.
+std::error_code MarkCloseOnExec(int fd);
+
+// Writes all of `data` to `fd`, however many calls it takes.
+std::error_code WriteAll(int fd, const std::string& data);
+// Reads what is there, up to `size` bytes, into `buffer`; `got` is 0 at the
+// end of the file.
+std::error_code ReadSome(int fd, char* buffer, std::size_t size, std::size_t& got);

@@ -17,6 +17,15 @@
 // string when no such process exists (or it cannot be inspected).
 std::string ReadProcessStartTime(unsigned long pid);
 
+// The real user of `pid`; false when no such process exists (or it cannot be
+// inspected).
+bool ReadProcessRealUser(unsigned long pid, uid_t& user);
+
+// Marks every open descriptor from `from` up close-on-exec, including those
+// the process inherited: a program it runs then starts with the ones below
+// `from` only.
+void MarkDescriptorsCloseOnExec(int from);
+
 // ------------------------------------------------------ symbolic links
 
 // Opens the entry `name` in `dir` itself: a link is not followed, and a fifo

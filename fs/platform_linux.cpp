@@ -1,6 +1,6 @@
-// The platform calls on Linux: /proc for a process's start time, O_PATH for a
-// link itself, reflinks and copy_file_range for file data, O_TMPFILE for an
-// unnamed file.
+// The platform calls on Linux: /proc for a process's start time, user and
+// open descriptors, O_PATH for a link itself, reflinks and copy_file_range
+// for file data, O_TMPFILE for an unnamed file.
 
 #include "platform.h"
 
@@ -15,8 +15,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <limits>
 #include <memory>
 #include <set>
@@ -25,9 +23,24 @@
 
 // ------------------------------------------------------------ processes
 
+// The whole of a small file such as those under /proc, read through a
+// descriptor of our own (close-on-exec, like every other); empty when it
+// cannot be read.
+static std::string ReadSmallFile(const std::string& path) {
+    UniqueFd file;
+    std::string text;
+    if (OpenFileAt(AT_FDCWD, path.c_str(), O_RDONLY, file))
+        return text;
+    char buffer[4096];
+    std::size_t got;
+    while (!ReadSome(file.get(), buffer, sizeof buffer, got) && got > 0)
+        text.append(buffer, got);
+    return text;
+}
+
 // Seconds since the epoch at which the kernel booted ("btime" of /proc/stat).
 static long long BootTime() {
-    std::ifstream stat("/proc/stat");
+    std::istringstream stat(ReadSmallFile("/proc/stat"));
     std::string key;
     long long value = 0;
     while (stat >> key) {
@@ -39,9 +52,7 @@ static long long BootTime() {
 }
 
 std::string ReadProcessStartTime(unsigned long pid) {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    const std::string record((std::istreambuf_iterator<char>(stat)),
-                             std::istreambuf_iterator<char>());
+    const std::string record = ReadSmallFile("/proc/" + std::to_string(pid) + "/stat");
     // The command name (field 2) may hold blanks and parentheses; the fields
     // after its closing parenthesis start with field 3, the state. The start
     // time, in clock ticks since boot, is field 22.
@@ -63,6 +74,41 @@ std::string ReadProcessStartTime(unsigned long pid) {
     if (seconds == 0)
         return "";
     return std::to_string(micros) + "-" + std::to_string(seconds);
+}
+
+bool ReadProcessRealUser(unsigned long pid, uid_t& user) {
+    // "Uid:" is followed by the real, effective, saved and file-system ids.
+    std::istringstream status(ReadSmallFile("/proc/" + std::to_string(pid) + "/status"));
+    for (std::string key; status >> key;) {
+        if (key != "Uid:") {
+            status.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
+            continue;
+        }
+        unsigned long long id;
+        if (!(status >> id))
+            return false;
+        user = static_cast<uid_t>(id);
+        return true;
+    }
+    return false;
+}
+
+void MarkDescriptorsCloseOnExec(int from) {
+    UniqueFd listing;
+    std::vector<DirEntry> open;
+    if (!OpenDirAt(AT_FDCWD, "/proc/self/fd", listing, true) &&
+        !ReadEntries(listing.get(), open)) {
+        for (const DirEntry& entry : open) {
+            const int fd = std::atoi(entry.name.c_str());
+            if (fd >= from)
+                MarkCloseOnExec(fd);
+        }
+        return;
+    }
+    // Without /proc: every number the process may hold.
+    const long limit = ::sysconf(_SC_OPEN_MAX);
+    for (int fd = from; fd < (limit > 0 ? limit : 1024); ++fd)
+        MarkCloseOnExec(fd);
 }
 
 // ------------------------------------------------------ symbolic links

@@ -1,5 +1,6 @@
-// The platform calls on macOS: sysctl for a process's start time, O_SYMLINK
-// and freadlink for a link itself, APFS clones and fcopyfile for file data.
+// The platform calls on macOS: sysctl for a process's start time and user,
+// proc_pidinfo for its open descriptors, O_SYMLINK and freadlink for a link
+// itself, APFS clones and fcopyfile for file data.
 // There are no unnamed files: every temporary file has a name.
 
 #include "platform.h"
@@ -9,6 +10,7 @@
 #include <Availability.h>
 #include <copyfile.h>
 #include <fcntl.h>
+#include <libproc.h>
 #include <sys/clonefile.h>
 #include <sys/sysctl.h>
 #include <unistd.h>
@@ -17,25 +19,62 @@
 #include <climits>
 #include <cstring>
 #include <sstream>
+#include <vector>
 
 // ------------------------------------------------------------ processes
 
-std::string ReadProcessStartTime(unsigned long pid) {
+// The kernel's record of `pid`, or false when there is no such process.
+static bool ReadProcessRecord(unsigned long pid, struct kinfo_proc& info) {
     // The kernel takes an int: a larger number is no process, not an alias
     // of the small one its low bits happen to spell.
     if (pid > static_cast<unsigned long>(INT_MAX))
-        return "";
-    struct kinfo_proc info;
+        return false;
     std::memset(&info, 0, sizeof info);
     size_t size = sizeof info;
     int name[4] = {CTL_KERN, KERN_PROC, KERN_PROC_PID, static_cast<int>(pid)};
     // A PID without a process still succeeds but fills nothing: a zero
     // start time means "no such process".
-    if (sysctl(name, 4, &info, &size, nullptr, 0) != 0 || info.kp_proc.p_starttime.tv_sec == 0)
+    return sysctl(name, 4, &info, &size, nullptr, 0) == 0 && info.kp_proc.p_starttime.tv_sec != 0;
+}
+
+std::string ReadProcessStartTime(unsigned long pid) {
+    struct kinfo_proc info;
+    if (!ReadProcessRecord(pid, info))
         return "";
     std::ostringstream text;
     text << info.kp_proc.p_starttime.tv_usec << "-" << info.kp_proc.p_starttime.tv_sec;
     return text.str();
+}
+
+bool ReadProcessRealUser(unsigned long pid, uid_t& user) {
+    struct kinfo_proc info;
+    if (!ReadProcessRecord(pid, info))
+        return false;
+    user = info.kp_eproc.e_pcred.p_ruid;
+    return true;
+}
+
+void MarkDescriptorsCloseOnExec(int from) {
+    // The kernel's own list of the descriptors, sockets and pipes included.
+    // Asked without a buffer, it says how much room the list needs; a few
+    // more entries leave room for any opened in between.
+    const int needed = ::proc_pidinfo(::getpid(), PROC_PIDLISTFDS, 0, nullptr, 0);
+    if (needed > 0) {
+        std::vector<struct proc_fdinfo> open(static_cast<std::size_t>(needed) / PROC_PIDLISTFD_SIZE + 16);
+        const int filled = ::proc_pidinfo(::getpid(), PROC_PIDLISTFDS, 0, open.data(),
+                                          static_cast<int>(open.size() * PROC_PIDLISTFD_SIZE));
+        if (filled > 0) {
+            const std::size_t count = static_cast<std::size_t>(filled) / PROC_PIDLISTFD_SIZE;
+            for (std::size_t i = 0; i < count; ++i)
+                if (open[i].proc_fd >= from)
+                    MarkCloseOnExec(open[i].proc_fd);
+            return;
+        }
+    }
+    // Every number the process may hold.
+    const long limit = ::sysconf(_SC_OPEN_MAX);
+    for (int fd = from; fd < (limit > 0 && limit < INT_MAX ? limit : OPEN_MAX); ++fd)
+        MarkCloseOnExec(fd);
 }
 
 // ------------------------------------------------------ symbolic links

@@ -166,9 +166,7 @@ enum class Outcome { Ended, Stopped, Ran };
 // state; says whether it ended the process (the exception that would), or
 // stopped on a broken pair (the fatal 2006).
 Outcome Service(std::string_view text) {
-    gLogStream.close();
-    gLogStream.clear();
-    gLogStream.open(gLogPath, std::ios::out | std::ios::trunc);
+    gLogStream.open(gLogPath.string());
     ResetRunState();
     ResetLiveness();
     ForgetFrontEndUser();
@@ -189,7 +187,6 @@ Outcome Service(std::string_view text) {
     }
     tInInput = false;
     LeavePlayground();
-    gLogStream.flush();
     std::ifstream log(gLogPath);
     // A message of its own, after the time stamp: an unknown command quoting
     // that text is logged too, but inside another message.

@@ -6,15 +6,19 @@
 #include "installOps.h"
 #include "interpreter.h"
 #include "liveness.h"
+#include "platform.h"
+#include "privateDir.h"
+#include "trust.h"
 #include "zqimProtocol.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <string_view>
 
@@ -44,7 +48,30 @@ static void Say(const std::string& line) {
     std::cout << line << std::endl;
 }
 
+// Holds the communication directory once it is there. A directory that is
+// there but not private ends the helper before anything in it is read or
+// written: one line on standard output, no log, exit status 1.
+static bool HoldCommDir() {
+    if (CommDirFd() >= 0)
+        return true;
+    std::string reason;
+    switch (OpenCommDir(gCommDir, reason)) {
+    case CommDirStatus::Held: return true;
+    case CommDirStatus::Missing: return false;
+    case CommDirStatus::Refused: break;
+    }
+    Say("Communication dir is not private: " + gCommDir + " (" + reason + "). Exiting.");
+    std::exit(1);
+}
+
 int ZQIMHelperMain(int argc, char** argv) {
+    // Whoever started the helper, what it makes is never writable by others
+    // (a stricter umask is kept), and the programs it runs start with the
+    // standard descriptors only: everything it opens is close-on-exec, and
+    // so, from here on, is everything it inherited.
+    ::umask(::umask(022) | 022);
+    MarkDescriptorsCloseOnExec(3);
+
     InputParser input(argc, argv);
     // The version alone: nothing starts, no directory is looked at.
     if (input.cmdOptionExists("--version")) {
@@ -83,13 +110,39 @@ int ZQIMHelperMain(int argc, char** argv) {
     gCommDir = commDir;
     Say("Communication dir was: " + gCommDir);
 
-    InitLog((fs::path(gCommDir) / zqim::kLogFileName).string());
+    // The front-end's user drives the helper as much as root does: its
+    // folders and links count as trusted, and the files made for the
+    // front-end are handed to it.
+    uid_t frontEndUser;
+    if (gPID != 0 && ReadFrontEndUser(gPID, frontEndUser)) {
+        TrustFrontEndUser(frontEndUser);
+        HandFilesTo(frontEndUser);
+    }
+    // A directory that is not there yet gets no log, as ever; the main loop
+    // waits for it.
+    if (HoldCommDir())
+        InitLog((fs::path(gCommDir) / zqim::kLogFileName).string());
     mainLoop();
     CloseLog();
     return 0;
 }
 
 // ---------------------------------------------------- command-file exchange
+
+CommDirStatus OpenCommDir(const std::string& dir, std::string& reason) {
+    int fd;
+    switch (zqim::OpenPrivateDir(dir, IsTrustedOwner, fd, reason)) {
+    case zqim::DirCheck::Private: break;
+    case zqim::DirCheck::Missing: return CommDirStatus::Missing;
+    case zqim::DirCheck::NotPrivate: return CommDirStatus::Refused;
+    }
+    HoldExchangeDir(UniqueFd(fd));
+    return CommDirStatus::Held;
+}
+
+int CommDirFd() {
+    return ExchangeDir();
+}
 
 static std::string CommandFileName(int command, const char* extension) {
     return zqim::kCommandPrefix + std::to_string(command) + extension;
@@ -109,22 +162,20 @@ int GetCommandNumberFromCommandFilepath(const std::string& path) {
     return CommandNumberOfFileName(fs::path(path).filename().native());
 }
 
-std::string GetNextCommand(int lastCommand, const std::string& commDir) {
-    std::error_code ec;
-    fs::directory_iterator it(commDir, ec);
-    if (ec)
+std::string GetNextCommand(int lastCommand, int commDir, const std::string& commDirPath) {
+    // A handle of its own for each poll: a listing goes on from where the
+    // last one on the same handle ended.
+    UniqueFd listing;
+    if (OpenDirAt(commDir, ".", listing))
         return "";
+    // A listing that fails midway offers what it read before.
+    std::vector<DirEntry> entries;
+    ReadEntries(listing.get(), entries);
 
-    // An idle helper runs this once a second over a directory that only
-    // grows (nothing is ever deleted), so each entry is judged on its path
-    // text, without building further path objects.
     int best = INT_MAX;
-    fs::path chosen;
-    for (; it != fs::directory_iterator(); it.increment(ec)) {
-        const std::string& text = it->path().native();
-        const std::size_t slash = text.rfind('/');
-        const std::string_view name =
-            std::string_view(text).substr(slash == std::string::npos ? 0 : slash + 1);
+    const std::string* chosen = nullptr;
+    for (const DirEntry& entry : entries) {
+        const std::string_view name = entry.name;
         // The extension is ".txt" exactly when the name is longer than that
         // and ends with it (a bare ".txt" is a hidden file without one).
         const std::string_view extension = zqim::kCommandExtension;
@@ -134,34 +185,47 @@ std::string GetNextCommand(int lastCommand, const std::string& commDir) {
         const int number = CommandNumberOfFileName(name);
         if (number >= 0 && number > lastCommand && number < best) {
             best = number;
-            chosen = it->path();
+            chosen = &entry.name;
         }
     }
-    if (chosen.empty())
+    if (!chosen)
         return "";
 
-    fs::path signal = chosen;
-    signal.replace_extension(zqim::kSignalExtension);
-    std::error_code sigEc;
-    if (!fs::exists(signal, sigEc)) {
-        ZQIMLog("GetNextCommand() - No sig file found (", signal.string(), ").");
+    const std::string signal = fs::path(*chosen).replace_extension(zqim::kSignalExtension).string();
+    struct stat st;
+    if (StatAt(commDir, signal.c_str(), st, true)) {
+        ZQIMLog("GetNextCommand() - No sig file found (", (fs::path(commDirPath) / signal).string(),
+                ").");
         return "";
     }
-    return chosen.string();
+    return (fs::path(commDirPath) / *chosen).string();
 }
 
-void WriteSignalFile(int command, const std::string& commDir) {
-    std::ofstream file(fs::path(commDir) / CommandFileName(command, zqim::kFinishedExtension),
-                       std::ios::out | std::ios::trunc);
-    file << zqim::kFinishedText;
+// A command file is read only when it is a regular file with one name, of a
+// trusted user: never through a link, never a fifo (which would block the
+// helper), never a hard link to a file someone else chose. Anything else is
+// a file that cannot be opened.
+static UniqueFd OpenCommandFile(int commDir, const std::string& name) {
+    UniqueFd file;
+    struct stat st;
+    if (OpenFileAt(commDir, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK, file) ||
+        ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink != 1 ||
+        !IsTrustedOwner(st.st_uid))
+        return UniqueFd();
+    return file;
 }
 
-void WriteErrorFile(const std::set<int>& errorCodes, int command, const std::string& commDir) {
-    std::ofstream file(fs::path(commDir) / CommandFileName(command, zqim::kErrorExtension),
-                       std::ios::out | std::ios::trunc);
+void WriteSignalFile(int command, int commDir) {
+    WriteFreshFile(commDir, CommandFileName(command, zqim::kFinishedExtension),
+                   zqim::kFinishedText);
+}
+
+void WriteErrorFile(const std::set<int>& errorCodes, int command, int commDir) {
+    std::string text;
     for (int code : errorCodes)
-        file << code << '\n';
-    file << "end" << '\n';
+        text += std::to_string(code) + '\n';
+    text += "end\n";
+    WriteFreshFile(commDir, CommandFileName(command, zqim::kErrorExtension), text);
 }
 
 // --------------------------------------------------------------- main loop
@@ -178,7 +242,9 @@ void mainLoop() {
             return;
         }
 
-        const std::string next = GetNextCommand(last, gCommDir);
+        // A directory that was not there at start-up is checked when it
+        // appears, and never read if it fails.
+        const std::string next = HoldCommDir() ? GetNextCommand(last, CommDirFd(), gCommDir) : "";
         if (!next.empty()) {
             last = GetCommandNumberFromCommandFilepath(next);
             ZQIMLog("Found command file ", last, ": ", next);
@@ -187,12 +253,13 @@ void mainLoop() {
                                     .string();
             gPrevProgress = -1;
 
-            const int result = ServiceCommandFile(next);
+            const int result = ServiceCommandFile(
+                next, OpenCommandFile(CommDirFd(), fs::path(next).filename().string()));
             // The error file goes first: a front-end may read it as soon as
             // it sees the finished file.
             if (!gErrors.empty())
-                WriteErrorFile(std::set<int>(gErrors), last, gCommDir);
-            WriteSignalFile(last, gCommDir);
+                WriteErrorFile(std::set<int>(gErrors), last, CommDirFd());
+            WriteSignalFile(last, CommDirFd());
             if (result == zqim::kStop)
                 return;
         }
@@ -201,4 +268,3 @@ void mainLoop() {
             sleep(1);
     }
 }
-

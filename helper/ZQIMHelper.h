@@ -23,11 +23,25 @@ private:
 // Start-up: everything `main` does; returns the process exit status.
 int ZQIMHelperMain(int argc, char** argv);
 
-// Command-file exchange with the front-end.
+// The communication directory. It is opened once and checked: it and every
+// folder above it must be owned by a trusted user (root, the helper's own
+// user, the front-end's) and writable by no one else, a folder above it
+// being allowed to be writable by others only when sticky. From then on every
+// file of the exchange is reached through the handle held, so renaming or
+// replacing the directory afterwards changes nothing.
+enum class CommDirStatus { Held, Missing, Refused };
+// Opens and checks `dir`; Held keeps it as the communication directory.
+// Missing: nothing there yet, or no directory. Refused: `reason` says why.
+CommDirStatus OpenCommDir(const std::string& dir, std::string& reason);
+// The held communication directory, or -1 while there is none.
+int CommDirFd();
+
+// Command-file exchange with the front-end, in the communication directory
+// held as `commDir`; `commDirPath` is its name as the log shows it.
 int GetCommandNumberFromCommandFilepath(const std::string& path);
-std::string GetNextCommand(int lastCommand, const std::string& commDir);
-void WriteSignalFile(int command, const std::string& commDir);
-void WriteErrorFile(const std::set<int>& errorCodes, int command, const std::string& commDir);
+std::string GetNextCommand(int lastCommand, int commDir, const std::string& commDirPath);
+void WriteSignalFile(int command, int commDir);
+void WriteErrorFile(const std::set<int>& errorCodes, int command, int commDir);
 
 // The main loop: services command files until one stops it or the watched
 // process has gone.

@@ -14,13 +14,16 @@
 #include "systemOps.h"
 #include "zqimProtocol.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
-#include <fstream>
+#include <istream>
+#include <streambuf>
 #include <string_view>
+#include <utility>
 
 // ------------------------------------------------------- command file reader
 
@@ -32,15 +35,46 @@ void trim(std::string& text) {
     text.erase(text.begin(), first);
 }
 
+namespace {
+
+// The lines of a command file, read through its descriptor as they are
+// needed, as a file stream would read them.
+class CommandFileReader : public std::streambuf {
+public:
+    explicit CommandFileReader(int fd) : fd(fd) {}
+
+protected:
+    int_type underflow() override {
+        std::size_t got = 0;
+        if (ReadSome(fd, buffer, sizeof buffer, got) || got == 0)
+            return traits_type::eof();
+        setg(buffer, buffer, buffer + got);
+        return traits_type::to_int_type(*gptr());
+    }
+
+private:
+    int fd;
+    char buffer[1 << 13];
+};
+
+}  // namespace
+
 int ServiceCommandFile(const std::string& path) {
+    UniqueFd file;
+    OpenFileAt(AT_FDCWD, path.c_str(), O_RDONLY, file);
+    return ServiceCommandFile(path, std::move(file));
+}
+
+int ServiceCommandFile(const std::string& path, UniqueFd opened) {
     ZQIMLog("ServiceCommandFile() - Servicing " + path + ".");
     gMovedFiles.clear();
 
-    std::ifstream file(path);
-    if (!file.is_open()) {
+    if (!opened.valid()) {
         ZQIMLog("Unable to open file!");
         return 0;
     }
+    CommandFileReader reader(opened.get());
+    std::istream file(&reader);
 
     std::string prevCommand;
     std::string prevValue;

@@ -36,6 +36,14 @@ bool isProcessAlive(unsigned long pid) {
     return RecordProcessStartTime(pid, ReadProcessStartTime(pid));
 }
 
+bool ReadFrontEndUser(unsigned long pid, uid_t& user) {
+    // The same start time before and after: the user read is that process's.
+    const std::string started = ReadProcessStartTime(pid);
+    if (started.empty() || !ReadProcessRealUser(pid, user) || ReadProcessStartTime(pid) != started)
+        return false;
+    return RecordProcessStartTime(pid, started);
+}
+
 bool CheckPID(unsigned long pid) {
     return pid == 0 || isProcessAlive(pid);
 }

@@ -3,6 +3,8 @@
 // gone.
 #pragma once
 
+#include <sys/types.h>
+
 #include <map>
 #include <string>
 
@@ -12,6 +14,11 @@ extern std::map<unsigned long long, std::string> handles;
 // The comparison half of isProcessAlive, given the start-time text just read.
 bool RecordProcessStartTime(unsigned long pid, const std::string& startTime);
 bool isProcessAlive(unsigned long pid);
+// The real user of the front-end `pid`, read once at start-up: false when it
+// is no process. The process is recorded as the one watched from then on, so
+// a number taken over meanwhile by another user's process is gone, not
+// trusted.
+bool ReadFrontEndUser(unsigned long pid, uid_t& user);
 // True for PID 0 (nothing to watch), otherwise isProcessAlive.
 bool CheckPID(unsigned long pid);
 

@@ -6,7 +6,7 @@ std::string gLogFilepath;
 bool gVerbose = false;
 bool gQuitCommandFound = false;
 
-std::ofstream gLogStream;
+LogFile gLogStream;
 std::set<int> gErrors;
 
 std::string gProgressFilepath;

@@ -3,7 +3,8 @@
 // knows nothing of the operations that read and set it.
 #pragma once
 
-#include <fstream>
+#include "logFile.h"
+
 #include <map>
 #include <set>
 #include <string>
@@ -21,8 +22,8 @@ extern bool gQuitCommandFound;
 
 // ---------------------------------------------------------------- the log
 
-// The log file, opened by InitLog.
-extern std::ofstream gLogStream;
+// The log file, made by InitLog.
+extern LogFile gLogStream;
 
 // Codes reported by the operations; written to every error file and never
 // emptied, so a later error file repeats the codes of earlier command files.

@@ -147,8 +147,9 @@ TEST(Client, HelperKilledMidFileIsReportedAsDiedOnIt) {
     EXPECT_EQ(a.how.rfind("killed by signal 9", 0), 0u) << a.how;
 }
 
-// A given directory is refused while others may write to it, or while it
-// holds a command file of an earlier run, which a new helper would run.
+// A given directory is refused while others may write to it or to a folder
+// above it, when it is a link, or while it holds a command file of an
+// earlier run, which a new helper would run.
 TEST(Client, GivenDirectoryMustBePrivateAndHoldNoEarlierRun) {
     TempDir comm;
     auto refusal = [&] {
@@ -164,6 +165,35 @@ TEST(Client, GivenDirectoryMustBePrivateAndHoldNoEarlierRun) {
     fs::permissions(comm.path(), fs::perms::others_write, fs::perm_options::remove);
     WriteFile(comm / "ZQCmd3.zqfin", "Finished.");
     EXPECT_EQ(refusal(), EEXIST);
+    fs::remove(comm / "ZQCmd3.zqfin");
+
+    // The directory itself, never a link to it, and the folders above it:
+    // root's private directory in another user's folder is that user's to
+    // swap, for the library and for zqim run alike.
+    TempDir work;
+    const fs::path link = work / "link", theirs = work / "theirs";
+    fs::create_directory_symlink(comm.path(), link);
+    EXPECT_THROW(Start(link.string()), std::system_error);
+    if (!IsRoot())
+        return;
+    fs::permissions(work.path(), fs::perms(0755));
+    fs::create_directories(theirs / "comm");
+    fs::permissions(theirs / "comm", fs::perms::owner_all);
+    ASSERT_EQ(chown(theirs.c_str(), 65534, 65534), 0);
+    try {
+        Start((theirs / "comm").string());
+        ADD_FAILURE() << "a directory in another user's folder was accepted";
+    } catch (const std::system_error& e) {
+        EXPECT_EQ(e.code().value(), EPERM);
+        EXPECT_NE(std::string(e.what()).find("(" + theirs.string() + " is owned by uid 65534)"),
+                  std::string::npos) << e.what();
+    }
+    WriteFile(work / "one.txt", "exit\n");
+    std::string out;
+    EXPECT_EQ(Tool("run --helper " + std::string(ZQIM_HELPER_BINARY) + " --comm " +
+                       (theirs / "comm").string() + " " + (work / "one.txt").string(), out), 1);
+    EXPECT_NE(out.find("must be owned by this user or root"), std::string::npos) << out;
+    EXPECT_FALSE(fs::exists(theirs / "comm/ZQCmd1.txt"));
 }
 
 // A command file is complete under its own name before its signal file

@@ -11,7 +11,9 @@
 
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cerrno>
+#include <thread>
 
 using namespace zqimtest;
 using Lines = std::vector<std::string>;
@@ -26,15 +28,17 @@ static Owner OwnerOf(const fs::path& p) {
     return lstat(p.c_str(), &st) == 0 ? Owner(st.st_uid, st.st_gid) : Owner(-1, -1);
 }
 
-// A file's emptied parents are pruned up to the root; the root is compared
-// only after a removal, so an emptied root goes too and the climb goes on
-// above it, and a root with a trailing separator never matches. A folder
-// tree goes longest paths first, files before folders, a subfolder twice.
+// A file's emptied parents are pruned up to the root, which stays; but the
+// root is compared only after a removal, so a root emptied by removing its
+// own entry goes too and the climb goes on above it, and a root with a
+// trailing separator never matches. A folder tree goes longest paths first,
+// files before folders, a subfolder twice.
 TEST(Delete, PrunesEmptiedParentsAndRemovesTreesDeepestFirstWithoutFollowingLinks) {
     TempDir tmp;
     LogCapture log;
     const fs::path r = tmp / "root", top = tmp / "top", missing = tmp / "missing";
-    for (const char* f : {"root/a/b/f", "root/n/x", "slashed/a/f", "e/f", "top/sub/f", "out/f"})
+    for (const char* f : {"root/a/b/f", "root/n/x", "slashed/a/f", "e/f", "top/sub/f", "out/f",
+                          "p/kept/x/y/f"})
         Touch(tmp / f);
     fs::create_directories(tmp / "flat");
     fs::create_directory_symlink(tmp / "out", top / "link");
@@ -43,6 +47,7 @@ TEST(Delete, PrunesEmptiedParentsAndRemovesTreesDeepestFirstWithoutFollowingLink
     EXPECT_EQ(DoDelFile(r.string(), "n"), 2004);
     EXPECT_EQ(DoDelFile((tmp / "flat").string(), "missing"), 0);  // pruning needs no removal
     EXPECT_EQ(DoDelFile((tmp / "slashed").string() + "/", "a/f"), 0);
+    EXPECT_EQ(DoDelFile((tmp / "p/kept").string(), "x/y/f"), 0);
     EXPECT_EQ(DoDelFile("", (tmp / "e/f").string()), 0);
     EXPECT_EQ(DoDelFolder(top.string()) + DoDelFolder(missing.string()), 0);
     const std::string t = "DoDelFolder(" + top.string() + ") - ";
@@ -54,6 +59,7 @@ TEST(Delete, PrunesEmptiedParentsAndRemovesTreesDeepestFirstWithoutFollowingLink
         "DoDelFile(n) - File did not exist.",
         Del(tmp / "flat/missing"), "DoDelFile(missing) - File did not exist.", Prune(tmp / "flat"),
         Del(tmp / "slashed/a/f"), Prune(tmp / "slashed/a"), Prune(tmp / "slashed"),
+        Del(tmp / "p/kept/x/y/f"), Prune(tmp / "p/kept/x/y"), Prune(tmp / "p/kept/x"),
         Del(tmp / "e/f"), "DoDelFolder() - Deleting folder:" + top.string(),
         t + "deleting 2 files and 3 folders.", t + "deleting folder: " + Q(top / "sub"),
         t + "deleting folder: " + Q(top / "sub"), t + "deleting folder: " + Q(top),
@@ -62,7 +68,7 @@ TEST(Delete, PrunesEmptiedParentsAndRemovesTreesDeepestFirstWithoutFollowingLink
         "deleting. This can happen if the directory does not exist: Error 2: category=generic, "
         "message=No such file or directory",
         "DoDelFolder(" + missing.string() + ") - deleting 0 files and 0 folders."}));
-    EXPECT_TRUE(!fs::exists(top) && fs::exists(tmp / "out/f"));
+    EXPECT_TRUE(!fs::exists(top) && fs::exists(tmp / "out/f") && fs::exists(tmp / "p/kept"));
     EXPECT_EQ(gErrors, std::set<int>{2004});
 }
 
@@ -92,6 +98,35 @@ TEST(Delete, FailedRemovalsAreRetriedOnceAndAnEmptiedRootThatStaysGives6) {
         Q(m.path()) + ": " + busy, "DeleteWithRetry() - Retrying deleting:" + Q(m.path()),
         t + "error deleting folder: " + busy}));
     EXPECT_TRUE(fs::exists(f) && gErrors.empty());
+}
+
+// A mount point cannot be removed until the mount goes, here as soon as the
+// first removal has failed: the retry, a quarter second later, removes it.
+TEST(Delete, RemovalThatFailsOnceSucceedsOnTheRetry) {
+    ScratchMount m(64 * 1024);
+    if (!m.ok())
+        GTEST_SKIP() << "mounting a tmpfs needs privilege";
+    LogCapture log;
+    const fs::path top = m.path();
+    const std::string t = "DoDelFolder(" + top.string() + ") - ",
+                      failed = "DeleteWithRetry() - Error deleting:" + Q(top) +
+                               ": Error 16: category=generic, message=Device or resource busy";
+    Touch(top / "sub/f");
+    std::atomic<bool> done{false};
+    std::thread unmount([&] {
+        while (!done && !log.has(failed))
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        m.detach();
+    });
+    EXPECT_EQ(DoDelFolder(top.string()), 0);
+    done = true;
+    unmount.join();
+    EXPECT_EQ(log.messages(), (Lines{"DoDelFolder() - Deleting folder:" + top.string(),
+        t + "deleting 1 files and 3 folders.", t + "deleting folder: " + Q(top / "sub"),
+        t + "deleting folder: " + Q(top / "sub"), t + "deleting folder: " + Q(top), failed,
+        "DeleteWithRetry() - Retrying deleting:" + Q(top)}));
+    EXPECT_FALSE(fs::exists(top));
+    EXPECT_TRUE(gErrors.empty());
 }
 
 // A walk changes what lies below its start but not the start itself; links

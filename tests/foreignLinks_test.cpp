@@ -1,6 +1,11 @@
 // A user who owns part of a tree, or of the install root, must not be able to
 // steer a root operation outside it: neither with a link planted ahead of
 // time nor by swapping a directory for a link while the helper works.
+//
+// This file stands in for openat (below), to play a user who wins every race
+// for the name of a copy's temporary file. The checked inline wrapper of
+// openat would clash with that definition.
+#undef _FORTIFY_SOURCE
 #include "testSupport.h"
 
 #include "deleteOps.h"
@@ -8,6 +13,7 @@
 #include "linkOps.h"
 #include "ownershipOps.h"
 #include "runState.h"
+#include "treeWalk.h"
 
 #include <gtest/gtest.h>
 
@@ -15,12 +21,64 @@
 #include <signal.h>
 #include <stdio.h>
 #include <sys/stat.h>
+#ifdef __linux__
+#include <sys/syscall.h>
+#endif
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
 #include <map>
 
 using namespace zqimtest;
+
+namespace {
+
+#ifdef __linux__
+// The folder in which a file is to be waiting at every name a file is
+// created under, and what: a hard link to `hardTo`, then a symbolic link to
+// `softTo`, one per name, until both are used.
+struct Ambush {
+    dev_t dev = 0;
+    ino_t ino = 0;
+    fs::path hardTo, softTo;
+    std::vector<std::string> planted;
+} gAmbush;
+
+void Plant(int dir, const char* name, int flags) {
+    struct stat st;
+    if (!(flags & O_CREAT) || gAmbush.ino == 0 || std::strchr(name, '/') ||
+        gAmbush.planted.size() >= 2 || fstat(dir, &st) != 0 || st.st_dev != gAmbush.dev ||
+        st.st_ino != gAmbush.ino)
+        return;
+    const int made = gAmbush.planted.empty()
+                         ? linkat(AT_FDCWD, gAmbush.hardTo.c_str(), dir, name, 0)
+                         : symlinkat(gAmbush.softTo.c_str(), dir, name);
+    if (made == 0)
+        gAmbush.planted.push_back(name);
+}
+#endif
+
+}  // namespace
+
+#ifdef __linux__
+// Every openat of this program, the helper's code linked into it included.
+extern "C" int openat(int dir, const char* name, int flags, ...) {
+    mode_t mode = 0;
+    if ((flags & O_CREAT) || (flags & O_TMPFILE) == O_TMPFILE) {
+        va_list args;
+        va_start(args, flags);
+        mode = static_cast<mode_t>(va_arg(args, int));
+        va_end(args);
+    }
+    const int saved = errno;
+    Plant(dir, name, flags);
+    errno = saved;
+    return static_cast<int>(syscall(SYS_openat, dir, name, flags, mode));
+}
+#endif
 
 namespace {
 
@@ -199,4 +257,78 @@ TEST(ForeignLinks, RacingUserCannotRedirectDeleteOwnershipOrInstall) {
         ASSERT_FALSE(fs::exists(scene.u));
         scene.Build();
     }
+}
+
+// A user who plants a hard link to a file of root's, or a link, at the name a
+// copy's temporary file gets (whatever that name is) sees it stay as it was:
+// the copy takes another name and both planted files keep their content.
+// Replacing a file and copying a new large one both name their temporaries.
+TEST(ForeignLinks, FilePlantedAtATemporaryNameIsNeverWrittenThrough) {
+#ifndef __linux__
+    GTEST_SKIP() << "standing in for openat is done on Linux";
+#else
+    LogCapture log;
+    TempDir tmp;
+    const fs::path root = tmp / "root", hard = tmp / "shadow", soft = tmp / "passwd";
+    Touch(hard, "root's secret");
+    Touch(soft, "root's list");
+    Touch(root / "app/old", "old");
+    Touch(tmp / "staged/old", "new");
+    Touch(tmp / "staged/big", std::string((1 << 20) + 1, 'b'));
+    struct stat dir {};
+    ASSERT_EQ(stat((root / "app").c_str(), &dir), 0);
+    for (const char* name : {"old", "big"}) {
+        gAmbush = Ambush{dir.st_dev, dir.st_ino, hard, soft, {}};
+        const int result = DoCmdCopy((tmp / "staged" / name).string(), std::string("app/") + name,
+                                     root.string(), false, gMovedFiles, gRootIsCrossDevice);
+        const Ambush done = gAmbush;
+        gAmbush = Ambush{};
+        EXPECT_EQ(ReadFile(hard), "root's secret") << name;
+        EXPECT_EQ(ReadFile(soft), "root's list") << name;
+        EXPECT_EQ(result, 0) << name;
+        EXPECT_EQ(ReadFile(root / "app" / name), ReadFile(tmp / "staged" / name));
+        ASSERT_EQ(done.planted.size(), 2u) << name;
+        EXPECT_TRUE(fs::equivalent(root / "app" / done.planted[0], hard));
+        EXPECT_EQ(fs::read_symlink(root / "app" / done.planted[1]), soft);
+        fs::remove(root / "app" / done.planted[0]);
+        fs::remove(root / "app" / done.planted[1]);
+    }
+    EXPECT_TRUE(gErrors.empty());
+#endif
+}
+
+// A folder moved elsewhere while a walk is deeper below it than the walk
+// holds handles for: climbing back through ".." would come out in the
+// folder's new parent, so the walk stops with ESTALE there.
+TEST(ForeignLinks, FolderMovedAboveADeepWalkStopsItAsStale) {
+    TempDir tmp;
+    const std::size_t depth = 64;
+    fs::path deep = tmp / "top";
+    for (std::size_t level = 0; level < depth; ++level)
+        deep /= "d";
+    Touch(deep / "f");
+
+    // At the bottom, moves the second folder of the chain out of the tree.
+    class MoveAway : public TreeVisitor {
+    public:
+        MoveAway(std::size_t at, fs::path from, fs::path to) : at(at), from(from), to(to) {}
+        Next visit(DirChain& dir, const DirEntry& entry) override {
+            if (dir.depth() == at && !moved)
+                moved = ::rename(from.c_str(), to.c_str()) == 0;
+            return entry.type == EntryType::Directory ? Next::Enter : Next::Skip;
+        }
+        bool cannotEnter(DirChain&, const std::string&, std::error_code) override { return false; }
+        bool listingFailed(DirChain&, std::error_code) override { return false; }
+        std::size_t at;
+        fs::path from, to;
+        bool moved = false;
+    } mover(depth, tmp / "top/d/d", tmp / "away");
+
+    UniqueFd top;
+    ASSERT_FALSE(OpenDirAt(AT_FDCWD, (tmp / "top").c_str(), top));
+    DirChain chain(std::move(top), (tmp / "top").string());
+    std::error_code ec;
+    EXPECT_FALSE(WalkTree(chain, mover, WalkOrder::AsMet, ec));
+    EXPECT_TRUE(mover.moved);
+    EXPECT_EQ(ec, std::error_code(ESTALE, std::generic_category())) << ec.message();
 }

@@ -69,15 +69,11 @@ LogCapture::LogCapture() : file(dir / "log.txt") {
     ForgetFrontEndUser();
     gVerbose = false;
     gPID = 0;
-    if (gLogStream.is_open())
-        gLogStream.close();
-    gLogStream.clear();
-    gLogStream.open(file, std::ios::out | std::ios::trunc);
+    gLogStream.open(file.string());
 }
 
 LogCapture::~LogCapture() {
     gLogStream.close();
-    gLogStream.clear();
 }
 
 std::vector<std::string> LogCapture::messages() const { return LogMessages(ReadFile(file)); }
@@ -205,11 +201,14 @@ bool ScratchMount::remountReadOnly() {
 #endif
 }
 
-ScratchMount::~ScratchMount() {
+void ScratchMount::detach() {
 #ifdef __linux__
     if (mounted)
         umount2(dir.path().c_str(), MNT_DETACH);
 #endif
+    mounted = false;
 }
+
+ScratchMount::~ScratchMount() { detach(); }
 
 }  // namespace zqimtest

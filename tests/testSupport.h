@@ -90,6 +90,8 @@ public:
     bool ok() const { return mounted; }
     const fs::path& path() const { return dir.path(); }
     bool remountReadOnly();
+    // Takes the mount away at once, even while it is in use.
+    void detach();
 
 private:
     TempDir dir;
