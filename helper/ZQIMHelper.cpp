@@ -69,6 +69,10 @@ int ZQIMHelperMain(int argc, char** argv) {
         gVerbose = true;
         Say("Verbose output selected.");
     }
+    if (input.cmdOptionExists("-w")) {
+        gWake = true;
+        Say("Wake on change selected.");
+    }
 
     const std::string& commDir = input.getCmdOption("-c");
     if (commDir.empty()) {
@@ -90,8 +94,7 @@ static std::string CommandFileName(int command, const char* extension) {
     return zqim::kCommandPrefix + std::to_string(command) + extension;
 }
 
-// The command number in a file name ("ZQCmd" N, up to the first dot), or -1.
-static int CommandNumberOfFileName(std::string_view name) {
+int CommandNumberOfFileName(std::string_view name) {
     const std::string_view prefix = zqim::kCommandPrefix;
     if (name.compare(0, prefix.size(), prefix) != 0)
         return -1;
@@ -102,6 +105,16 @@ static int CommandNumberOfFileName(std::string_view name) {
 
 int GetCommandNumberFromCommandFilepath(const std::string& path) {
     return CommandNumberOfFileName(fs::path(path).filename().native());
+}
+
+int CommandNumberOfCommandFileName(std::string_view name) {
+    // The extension is ".txt" exactly when the name is longer than that and
+    // ends with it (a bare ".txt" is a hidden file without one).
+    const std::string_view extension = zqim::kCommandExtension;
+    if (name.size() <= extension.size() ||
+        name.compare(name.size() - extension.size(), extension.size(), extension) != 0)
+        return -1;
+    return CommandNumberOfFileName(name);
 }
 
 std::string GetNextCommand(int lastCommand, const std::string& commDir) {
@@ -120,13 +133,7 @@ std::string GetNextCommand(int lastCommand, const std::string& commDir) {
         const std::size_t slash = text.rfind('/');
         const std::string_view name =
             std::string_view(text).substr(slash == std::string::npos ? 0 : slash + 1);
-        // The extension is ".txt" exactly when the name is longer than that
-        // and ends with it (a bare ".txt" is a hidden file without one).
-        const std::string_view extension = zqim::kCommandExtension;
-        if (name.size() <= extension.size() ||
-            name.compare(name.size() - extension.size(), extension.size(), extension) != 0)
-            continue;
-        const int number = CommandNumberOfFileName(name);
+        const int number = CommandNumberOfCommandFileName(name);
         if (number >= 0 && number > lastCommand && number < best) {
             best = number;
             chosen = it->path();
@@ -161,7 +168,28 @@ void WriteErrorFile(const std::set<int>& errorCodes, int command, const std::str
 
 // --------------------------------------------------------------- main loop
 
+bool TakeUpCommandFile(const std::string& path, int& last) {
+    last = GetCommandNumberFromCommandFilepath(path);
+    ZQIMLog("Found command file ", last, ": ", path);
+
+    gProgressFilepath = (fs::path(gCommDir) / CommandFileName(last, zqim::kProgressExtension))
+                            .string();
+    gPrevProgress = -1;
+
+    const int result = ServiceCommandFile(path);
+    // The error file goes first: a front-end may read it as soon as it sees
+    // the finished file.
+    if (!gErrors.empty())
+        WriteErrorFile(std::set<int>(gErrors), last, gCommDir);
+    WriteSignalFile(last, gCommDir);
+    return result == zqim::kStop;
+}
+
 void mainLoop() {
+    if (gWake) {
+        WakeMainLoop();
+        return;
+    }
     int last = -1;
     while (true) {
         if (gQuitCommandFound) {
@@ -174,26 +202,10 @@ void mainLoop() {
         }
 
         const std::string next = GetNextCommand(last, gCommDir);
-        if (!next.empty()) {
-            last = GetCommandNumberFromCommandFilepath(next);
-            ZQIMLog("Found command file ", last, ": ", next);
-
-            gProgressFilepath = (fs::path(gCommDir) / CommandFileName(last, zqim::kProgressExtension))
-                                    .string();
-            gPrevProgress = -1;
-
-            const int result = ServiceCommandFile(next);
-            // The error file goes first: a front-end may read it as soon as
-            // it sees the finished file.
-            if (!gErrors.empty())
-                WriteErrorFile(std::set<int>(gErrors), last, gCommDir);
-            WriteSignalFile(last, gCommDir);
-            if (result == zqim::kStop)
-                return;
-        }
+        if (!next.empty() && TakeUpCommandFile(next, last))
+            return;
 
         if (!gQuitCommandFound)
             sleep(1);
     }
 }
-
