@@ -22,9 +22,9 @@
 #include <time.h>
 
 #include <algorithm>
+#include <iterator>
 #include <filesystem>
 #include <set>
-#include <string_view>
 #include <utility>
 
 namespace fs = std::filesystem;
@@ -47,13 +47,9 @@ struct Watch {
     bool complete = false;
     bool look = true;        // something happened that may make a file ready
     // The signal file last reported missing, so that a command file waiting
-    // for it is reported once, not on every wake-up.
+    // for it is reported once, not on every look.
     std::string reportedWaiting;
 };
-
-bool EndsWith(std::string_view text, std::string_view tail) {
-    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
-}
 
 // The lowest number a command file can still have.
 int LowestPossible(const Watch& watch) {
@@ -97,9 +93,20 @@ void ListCommandFiles(Watch& watch) {
     watch.complete = true;
 }
 
+// Whether a command file above the lowest known one is complete (has its
+// signal file): then the lowest, still without its own, holds it back.
+bool LaterFileIsComplete(const Watch& watch) {
+    for (auto it = std::next(watch.known.begin()); it != watch.known.end(); ++it)
+        if (Exists(watch, SignalNameOf(it->second), true))
+            return true;
+    return false;
+}
+
 // The exchange lookup of -w: GetNextCommand over the command files the loop
-// knows of. The same choice and the same log line as the polling lookup, but
-// a command file waiting for its signal is reported once.
+// knows of, with the polling lookup's choice and log line. The helper sees a
+// command file the moment it appears, before its signal file (which a
+// front-end writes right after): a file waiting for its signal is reported
+// only once it holds back a later, complete one, and then once.
 std::string GetNextCommand(Watch& watch) {
     while (true) {
         // Without every name, only the lowest possible number is sure to be
@@ -120,7 +127,7 @@ std::string GetNextCommand(Watch& watch) {
         const std::string signal = SignalNameOf(name);
         if (!Exists(watch, signal, true)) {
             const std::string path = (fs::path(gCommDir) / signal).string();
-            if (path != watch.reportedWaiting) {
+            if (path != watch.reportedWaiting && LaterFileIsComplete(watch)) {
                 ZQIMLog("GetNextCommand() - No sig file found (", path, ").");
                 watch.reportedWaiting = path;
             }
@@ -130,38 +137,30 @@ std::string GetNextCommand(Watch& watch) {
     }
 }
 
-// Takes in what one wake-up brought. A command file alone makes no look: its
-// signal file follows, and that one does. (Looking at once would find it
-// waiting nearly every time, and report it.)
+// Takes in what one wake-up brought: the command files it names, and whether
+// to look for the next one.
 void TakeIn(Watch& watch, const Changes& changes) {
     if (changes.lost) {
         watch.complete = false;
         watch.look = true;
     }
     if (changes.unnamed) {
+        // Only the lowest possible number settles the choice without a listing.
         watch.complete = false;
         const int lowest = LowestPossible(watch);
         const std::string name =
             zqim::kCommandPrefix + std::to_string(lowest) + zqim::kCommandExtension;
-        if (Exists(watch, name, false)) {
+        if (Exists(watch, name, false))
             watch.known.emplace(lowest, name);
-            if (Exists(watch, SignalNameOf(name), true))
-                watch.look = true;
-        } else {
-            watch.look = true;  // which lists the directory
-        }
+        watch.look = true;
     }
     for (const std::string& name : changes.names) {
         const int number = CommandNumberOfFileName(name);
         if (number <= watch.last)
             continue;  // -1 too: not an exchange file
-        if (CommandNumberOfCommandFileName(name) == number) {
+        if (CommandNumberOfCommandFileName(name) == number)
             watch.known.emplace(number, name);
-            if (!watch.look && Exists(watch, SignalNameOf(name), true))
-                watch.look = true;
-        } else if (EndsWith(name, zqim::kSignalExtension)) {
-            watch.look = true;
-        }
+        watch.look = true;
     }
 }
 
