@@ -37,8 +37,9 @@ static void SendBackToBack(const std::vector<std::string>& extraArgs,
         // Each file was complete before the next was written, so with -w none
         // ever held a later one back (a poll may still land between a command
         // file and its signal).
-        if (!extraArgs.empty())
+        if (!extraArgs.empty()) {
             EXPECT_NE(message.rfind("GetNextCommand() - No sig file found", 0), 0u) << message;
+        }
     }
     ASSERT_EQ(found.size(), static_cast<std::size_t>(files));
     for (int n = 1; n <= files; ++n) {
