@@ -22,8 +22,8 @@
 #include <time.h>
 
 #include <algorithm>
-#include <iterator>
 #include <filesystem>
+#include <iterator>
 #include <set>
 #include <utility>
 
@@ -168,7 +168,7 @@ void TakeIn(Watch& watch, const Changes& changes) {
 // is watched, and takes in what came.
 void WaitForChanges(Watch& watch, int timeoutMs) {
     if (!watch.watching) {
-        const timespec pause = {0, timeoutMs * 1000000L};
+        const timespec pause = {0, (timeoutMs < 0 ? kFallbackMs : timeoutMs) * 1000000L};
         nanosleep(&pause, nullptr);
         watch.complete = false;
         watch.look = true;
