@@ -45,8 +45,13 @@ static void Say(const std::string& line) {
 }
 
 int ZQIMHelperMain(int argc, char** argv) {
-    Say("ZQIMHelper starting...");
     InputParser input(argc, argv);
+    // The version alone: nothing starts, no directory is looked at.
+    if (input.cmdOptionExists("--version")) {
+        Say("ZQIMHelper " ZQIM_VERSION);
+        return 0;
+    }
+    Say("ZQIMHelper starting...");
 
     const std::string& testDir = input.getCmdOption("-t");
     if (!testDir.empty()) {

@@ -25,8 +25,10 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ZQIMHelperConfig.cmake
 install(FILES README.md packaging/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 # Not a package of the distribution: there is no bug of its to close.
-install(FILES packaging/lintian-overrides DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides
-        RENAME zqimhelper)
+if(NOT APPLE)
+  install(FILES packaging/lintian-overrides DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides
+          RENAME zqimhelper)
+endif()
 find_program(ZQIM_GZIP gzip)
 if(ZQIM_GZIP)
   foreach(doc changelog.Debian ZQIMHelper.1 zqim.1)

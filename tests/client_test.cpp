@@ -32,11 +32,12 @@ zqim::Session Start(const std::string& dir = "") {
     return zqim::Session::Start(options);
 }
 
-// Runs the zqim tool; returns its exit status and, in `output`, what it printed.
-int Tool(const std::string& args, std::string& output) {
+// Runs the zqim tool; returns its exit status and, in `output`, what it printed
+// (on standard output alone, without `withErrors`).
+int Tool(const std::string& args, std::string& output, bool withErrors = true) {
     TempDir out;
     const std::string command = std::string(ZQIM_TOOL_BINARY) + " " + args + " >" +
-                                (out / "out").string() + " 2>&1";
+                                (out / "out").string() + (withErrors ? " 2>&1" : " 2>/dev/null");
     const int status = std::system(command.c_str());
     output = ReadFile(out / "out");
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -195,5 +196,21 @@ TEST(ZqimTool, RunsFilesSumsUpAndChecksFirst) {
     EXPECT_EQ(Tool("check --format=json " + (work / "typo.txt").string(), out), 1) << out;
     EXPECT_NE(out.find("\"unknown command 'd\xc3\xa9lFile /a\\u00ff' is skipped; did you mean "
                        "'delFile'?\""), std::string::npos) << out;
-    EXPECT_EQ(Tool("frobnicate", out), 64);
+}
+
+// Asked for, the usage (a line per option) and the version go to standard
+// output with success; a wrong command line still gets the short usage on
+// standard error, with 64.
+TEST(ZqimTool, HelpAndVersionAnswerOnStandardOutput) {
+    std::string out;
+    EXPECT_EQ(Tool("--help", out, false), 0);
+    for (const char* option : {"--no-pid", "--format=json", "--comm DIR", "--helper PATH", "--keep",
+                               "-v", "--check", "--help", "--version"})
+        EXPECT_NE(out.find("\n  " + std::string(option) + " "), std::string::npos) << option;
+    EXPECT_EQ(Tool("--version", out, false), 0);
+    EXPECT_EQ(out, "zqim " ZQIM_PROJECT_VERSION "\n");
+    EXPECT_EQ(Tool("frobnicate", out, false), 64);
+    EXPECT_EQ(out, "");
+    EXPECT_EQ(Tool("check", out), 64);
+    EXPECT_EQ(out.rfind("usage: zqim check", 0), 0u) << out;
 }

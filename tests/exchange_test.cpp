@@ -52,6 +52,12 @@ TEST(Startup, CommandLineDecidesOutputAndExitStatus) {
             EXPECT_EQ(helper.output(), kStart + c.output);
         }
     }
+    // The version alone, whatever else is given: nothing starts, no
+    // directory is made, no log opened.
+    HelperProcess version({"-t", dir.path() / "other", "-c", dir.path(), "--version", "-v"});
+    ASSERT_TRUE(version.wait(20s));
+    EXPECT_EQ(version.exitCode(), 0);
+    EXPECT_EQ(version.output(), "ZQIMHelper " ZQIM_PROJECT_VERSION "\n");
     EXPECT_TRUE(fs::is_directory(made));
     EXPECT_FALSE(fs::exists(dir / "other") || fs::exists(dir / "ZQIMLog.txt"));
 }

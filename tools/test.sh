@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Builds the helper and runs every test: the normal build and the whole suite
 # (its load test sends 60 command files, a minute at the helper's pace), a
-# short seeded fuzzing run (root, Linux), then the suite again under
+# short seeded fuzzing run (root, Linux), the suite again under
 # AddressSanitizer and UndefinedBehaviorSanitizer (without the load test and
-# the package test).
+# the package test), then the macOS programs cross-built and checked
+# (tools/macos-build.sh; on Linux).
 # Stops at the first stage that fails, with a non-zero status.
 #
 #   bash tools/test.sh          # a few minutes
@@ -11,7 +12,8 @@
 #                               # fuzzing run of 5 minutes: about 15 minutes
 #
 # ZQIM_BUILD_DIR names the normal build directory (default: build); the
-# sanitizer and fuzzer builds go next to it, as <dir>-asan and <dir>-fuzz.
+# sanitizer, fuzzer and macOS builds go next to it, as <dir>-asan,
+# <dir>-fuzz and <dir>-macos.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source_dir=$PWD
@@ -115,3 +117,19 @@ fi
 
 echo "== sanitizer tests (ASan+UBSan, without the load and package tests)"
 (cd "$build-asan" && ctest --output-on-failure -j2 -E '^(Load\.|package$)')
+
+echo "== macOS cross-build (arm64 and x86_64, macOS 11.0 and later)"
+if [ "$(uname)" = Darwin ]; then
+  echo "macOS build: skipped: on a Mac the normal build above is the macOS build"
+else
+  status=0
+  ZQIM_MACOS_BUILD_DIR=$build-macos bash tools/macos-build.sh || status=$?
+  # It skips only without npm or when Zig cannot be fetched; this project's
+  # CI has both, so there a skip is a failure.
+  if [ "$status" -eq 77 ] && [ -n "${CI:-}" ]; then
+    echo "macOS build: FAILED: CI must run it, not skip it" >&2
+    exit 1
+  elif [ "$status" -ne 0 ] && [ "$status" -ne 77 ]; then
+    exit "$status"
+  fi
+fi

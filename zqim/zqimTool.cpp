@@ -2,6 +2,7 @@
 //
 //   zqim check [--no-pid] [--format=json] FILE...
 //   zqim run [--comm DIR] [--helper PATH] [--keep] [-v] [--check] FILE...
+//   zqim --help | --version
 
 #include "commandChecker.h"
 #include "zqimClient.h"
@@ -23,6 +24,21 @@ namespace {
 const char* kUsage =
     "usage: zqim check [--no-pid] [--format=json] FILE...\n"
     "       zqim run [--comm DIR] [--helper PATH] [--keep] [-v] [--check] FILE...\n";
+
+const char* kOptions =
+    "       zqim --help | --version\n"
+    "\n"
+    "zqim check: reads command files as the helper would; runs nothing.\n"
+    "  --no-pid         the helper will watch no process (waitForPID never returns)\n"
+    "  --format=json    the findings as JSON\n"
+    "zqim run: sends the files to a helper, one after the other.\n"
+    "  --comm DIR       use DIR as the communication directory, not a private one\n"
+    "  --helper PATH    the helper to start (else the one beside zqim, or on PATH)\n"
+    "  --keep           leave the answered files (and a private directory) in place\n"
+    "  -v               print every line of the helper's log\n"
+    "  --check          refuse files the checker finds errors in\n"
+    "  --help           print this text\n"
+    "  --version        print the version\n";
 
 // Splits the arguments into options and files: `option` takes each
 // argument that begins with "-" (and may take the one after it, through
@@ -313,6 +329,10 @@ int main(int argc, char** argv) {
         return std::cerr << kUsage, 64;
     const std::string command = args[0];
     args.erase(args.begin());
+    if (command == "--help" || command == "-h")
+        return std::cout << kUsage << kOptions, 0;
+    if (command == "--version")
+        return std::cout << "zqim " ZQIM_VERSION "\n", 0;
     try {
         if (command == "check")
             return Check(args);
