@@ -164,9 +164,11 @@ failure='\*\*\*(Failed|Exception|Timeout|Not Run)'   # how ctest marks a failed 
 run_suite() {
   local first=$1 out=$work/ctest.log status=0 stopped="" begun=$SECONDS
   rm -f "$work/suite-status"
+  # Emptied here, not by the run: the check below must never see the last run's failures.
+  : >"$out"
   set -m
   (cd "$build" && TMPDIR=$scratch ctest "${ctest_args[@]}"; echo $? >"$work/suite-status") \
-    >"$out" 2>&1 &
+    >>"$out" 2>&1 &
   suite=$!
   set +m
   while [ ! -s "$work/suite-status" ]; do
