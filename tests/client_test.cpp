@@ -189,10 +189,11 @@ TEST(Client, GivenDirectoryMustBePrivateAndHoldNoEarlierRun) {
                   std::string::npos) << e.what();
     }
     WriteFile(work / "one.txt", "exit\n");
-    std::string out;
+    std::string out, err;
     EXPECT_EQ(Tool("run --helper " + std::string(ZQIM_HELPER_BINARY) + " --comm " +
-                       (theirs / "comm").string() + " " + (work / "one.txt").string(), out), 1);
-    EXPECT_NE(out.find("must be owned by this user or root"), std::string::npos) << out;
+                       (theirs / "comm").string() + " " + (work / "one.txt").string(), out, err),
+              69);
+    EXPECT_NE(err.find("must be owned by this user or root"), std::string::npos) << err;
     EXPECT_FALSE(fs::exists(theirs / "comm/ZQCmd1.txt"));
 }
 
