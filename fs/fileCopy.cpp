@@ -152,9 +152,9 @@ std::error_code PrepareLink(int source, const struct stat& link, uid_t linkOwner
     const bool trusted = IsTrustedOwner(linkOwner);
     std::error_code ec;
     if (!trusted)
-        ec = ChangeHeldLinkOwner(made.get(), linkOwner, link.st_gid);
+        ec = ChangeOwnerOfHeld(made.get(), linkOwner, link.st_gid);
     else if (old)
-        ec = ChangeHeldLinkOwner(made.get(), old->st_uid, old->st_gid);
+        ec = ChangeOwnerOfHeld(made.get(), old->st_uid, old->st_gid);
     if (!ec)
         ec = CopyAttributes(source, link, made.get(), Held::Link, trusted, false);
     if (!ec)

@@ -88,6 +88,3 @@ std::error_code CopyAttributes(int from, const struct stat& source, int to, Held
 // Gives `to` the access and modification times of `source`, to the
 // nanosecond.
 std::error_code CopyTimes(int to, Held kind, const struct stat& source);
-
-// Gives the link that `link` holds (OpenLinkItself) a new owner.
-std::error_code ChangeHeldLinkOwner(int link, uid_t user, gid_t group);

@@ -437,9 +437,3 @@ std::error_code CopyTimes(int to, Held kind, const struct stat& source) {
         return {};
     return LastError();
 }
-
-std::error_code ChangeHeldLinkOwner(int link, uid_t user, gid_t group) {
-    return ::fchownat(link, "", user, group, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW) == 0
-               ? std::error_code()
-               : LastError();
-}

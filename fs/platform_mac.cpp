@@ -262,7 +262,3 @@ std::error_code CopyTimes(int to, Held, const struct stat& source) {
     const struct timespec times[2] = {source.st_atimespec, source.st_mtimespec};
     return ::futimens(to, times) == 0 ? std::error_code() : LastError();
 }
-
-std::error_code ChangeHeldLinkOwner(int link, uid_t user, gid_t group) {
-    return ::fchown(link, user, group) == 0 ? std::error_code() : LastError();
-}

@@ -136,26 +136,6 @@ struct Scene {
     }
 };
 
-#ifdef __linux__
-// fs.protected_hardlinks off for as long as it lives, restored after.
-class HardLinksUnprotected {
-public:
-    HardLinksUnprotected() : saved(ReadFile(kSwitch)) { ok = !saved.empty() && Write("0\n"); }
-    ~HardLinksUnprotected() {
-        if (ok)
-            Write(saved);
-    }
-    bool ok = false;
-
-private:
-    static bool Write(const std::string& value) {
-        std::ofstream out(kSwitch);
-        return static_cast<bool>(out << value << std::flush);
-    }
-    static constexpr const char* kSwitch = "/proc/sys/fs/protected_hardlinks";
-    std::string saved;
-};
-#endif
 
 }  // namespace
 
@@ -277,7 +257,7 @@ TEST(PathTrust, FileWithASecondNameIsNeverHandedOver) {
     Touch(lib / "plain");
     {
         HardLinksUnprotected unprotected;
-        ASSERT_TRUE(unprotected.ok) << "fs.protected_hardlinks cannot be switched off";
+        ASSERT_TRUE(unprotected.ok()) << "fs.protected_hardlinks cannot be switched off";
         ASSERT_EQ(AsOtherUser([&] {
                       return link(secret.c_str(), (lib / "hl").c_str()) == 0 ? 0 : errno;
                   }), 0);

@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <pwd.h>
+#include <sys/file.h>
 #include <signal.h>
 #ifdef __linux__
 #include <sys/mount.h>
@@ -210,5 +211,26 @@ void ScratchMount::detach() {
 }
 
 ScratchMount::~ScratchMount() { detach(); }
+
+static constexpr const char* kHardLinkSwitch = "/proc/sys/fs/protected_hardlinks";
+
+HardLinksUnprotected::HardLinksUnprotected() {
+    lock = open(kHardLinkSwitch, O_RDONLY | O_CLOEXEC);
+    if (lock < 0 || flock(lock, LOCK_EX) != 0)
+        return;
+    saved = ReadFile(kHardLinkSwitch);
+    changed = !saved.empty() && saved != "0\n";
+    if (changed)
+        WriteFile(kHardLinkSwitch, "0\n");
+}
+
+HardLinksUnprotected::~HardLinksUnprotected() {
+    if (changed)
+        WriteFile(kHardLinkSwitch, saved);
+    if (lock >= 0)
+        close(lock);  // and with it the lock
+}
+
+bool HardLinksUnprotected::ok() const { return lock >= 0 && ReadFile(kHardLinkSwitch) == "0\n"; }
 
 }  // namespace zqimtest

@@ -100,4 +100,24 @@ private:
 
 bool IsRoot();
 
+// Linux's fs.protected_hardlinks off for as long as it lives, so that a user
+// may link a file they do not own (as macOS always lets them). Tests run
+// side by side, in this process or others: each holds an exclusive lock on
+// the switch meanwhile, so that none takes another's "off" for the
+// machine's setting and leaves it so. Found off, it is left off. `ok()` is
+// false where the switch cannot be turned (not root, not Linux).
+class HardLinksUnprotected {
+public:
+    HardLinksUnprotected();
+    ~HardLinksUnprotected();
+    HardLinksUnprotected(const HardLinksUnprotected&) = delete;
+    HardLinksUnprotected& operator=(const HardLinksUnprotected&) = delete;
+    bool ok() const;
+
+private:
+    int lock = -1;
+    std::string saved;
+    bool changed = false;
+};
+
 }  // namespace zqimtest

@@ -107,27 +107,6 @@ const std::string kChanged =
     "ZQIMMoveOrCopyFile() - Error - Error 1: category=copy, message=The source changed while "
     "it was copied.\n";
 
-// Switches fs.protected_hardlinks off for its lifetime, so that a user may
-// link a file they do not own (as macOS always lets them); kept short, as
-// other tests may need the switch too. Found off, it is left alone.
-class HardLinksUnprotected {
-public:
-    HardLinksUnprotected() : old(ReadFile(kPath)), changed(!old.empty() && old != "0\n") {
-        if (changed)
-            WriteFile(kPath, "0\n");
-    }
-    ~HardLinksUnprotected() {
-        if (changed)
-            WriteFile(kPath, old);
-    }
-    bool ok() const { return ReadFile(kPath) == "0\n"; }
-
-private:
-    static constexpr const char* kPath = "/proc/sys/fs/protected_hardlinks";
-    std::string old;
-    bool changed;
-};
-
 }  // namespace
 
 // The user links root's 0600 file into their payload: the copy refuses to
