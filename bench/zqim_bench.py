@@ -144,6 +144,11 @@ def files_for_entries(entries):
     return n
 
 
+# --xattrs: every file of the generated trees has an extended attribute,
+# which both the helper and cp -a copy.
+XATTRS = False
+
+
 def make_tree(top, n_files, rng, sizes=(0, 0), outside=None, links=True):
     """A tree of n_files regular files, 100 to a directory, in directories
     top/dNN/sNN, with symbolic links: one to a file in every leaf directory,
@@ -170,6 +175,8 @@ def make_tree(top, n_files, rng, sizes=(0, 0), outside=None, links=True):
                 with open(os.path.join(top, rel), "wb") as f:
                     if size:
                         f.write(pool.take(size))
+                if XATTRS:
+                    os.setxattr(os.path.join(top, rel), "user.zqim.bench", b"x" * 32)
                 manifest[rel] = ("f", size)
             if links and count:
                 target = "component_%05d.dat" % made
@@ -1095,6 +1102,8 @@ def main():
     ap.add_argument("--poll-iterations", type=int, default=30)
     ap.add_argument("--idle-seconds", type=int, default=10)
     ap.add_argument("--latency-commands", type=int, default=20)
+    ap.add_argument("--xattrs", action="store_true",
+                    help="give every file of the generated trees a user.* extended attribute")
     ap.add_argument("--seed", type=int, default=20261122)
     ap.add_argument("--json", default="", help="also write the results to this file")
     ap.add_argument("--keep", action="store_true", help="keep the data of a failed run")
@@ -1103,6 +1112,8 @@ def main():
     ap.add_argument("--space", action="store_true",
                     help="also measure the space each run adds on the data's file system")
     cfg = ap.parse_args()
+    global XATTRS
+    XATTRS = cfg.xattrs
 
     chosen = [w.strip() for w in cfg.only.split(",") if w.strip()] or ALL
     unknown = [w for w in chosen if w not in ALL]

@@ -51,7 +51,7 @@ static void Say(const std::string& line) {
 // Holds the communication directory once it is there. A directory that is
 // there but not private ends the helper before anything in it is read or
 // written: one line on standard output, no log, exit status 1.
-static bool HoldCommDir() {
+bool HoldCommDir() {
     if (CommDirFd() >= 0)
         return true;
     std::string reason;
@@ -101,6 +101,10 @@ int ZQIMHelperMain(int argc, char** argv) {
         gVerbose = true;
         Say("Verbose output selected.");
     }
+    if (input.cmdOptionExists("-w")) {
+        gWake = true;
+        Say("Wake on change selected.");
+    }
 
     const std::string& commDir = input.getCmdOption("-c");
     if (commDir.empty()) {
@@ -148,8 +152,7 @@ static std::string CommandFileName(int command, const char* extension) {
     return zqim::kCommandPrefix + std::to_string(command) + extension;
 }
 
-// The command number in a file name ("ZQCmd" N, up to the first dot), or -1.
-static int CommandNumberOfFileName(std::string_view name) {
+int CommandNumberOfFileName(std::string_view name) {
     const std::string_view prefix = zqim::kCommandPrefix;
     if (name.compare(0, prefix.size(), prefix) != 0)
         return -1;
@@ -160,6 +163,16 @@ static int CommandNumberOfFileName(std::string_view name) {
 
 int GetCommandNumberFromCommandFilepath(const std::string& path) {
     return CommandNumberOfFileName(fs::path(path).filename().native());
+}
+
+int CommandNumberOfCommandFileName(std::string_view name) {
+    // The extension is ".txt" exactly when the name is longer than that and
+    // ends with it (a bare ".txt" is a hidden file without one).
+    const std::string_view extension = zqim::kCommandExtension;
+    if (name.size() <= extension.size() ||
+        name.compare(name.size() - extension.size(), extension.size(), extension) != 0)
+        return -1;
+    return CommandNumberOfFileName(name);
 }
 
 std::string GetNextCommand(int lastCommand, int commDir, const std::string& commDirPath) {
@@ -175,14 +188,7 @@ std::string GetNextCommand(int lastCommand, int commDir, const std::string& comm
     int best = INT_MAX;
     const std::string* chosen = nullptr;
     for (const DirEntry& entry : entries) {
-        const std::string_view name = entry.name;
-        // The extension is ".txt" exactly when the name is longer than that
-        // and ends with it (a bare ".txt" is a hidden file without one).
-        const std::string_view extension = zqim::kCommandExtension;
-        if (name.size() <= extension.size() ||
-            name.compare(name.size() - extension.size(), extension.size(), extension) != 0)
-            continue;
-        const int number = CommandNumberOfFileName(name);
+        const int number = CommandNumberOfCommandFileName(entry.name);
         if (number >= 0 && number > lastCommand && number < best) {
             best = number;
             chosen = &entry.name;
@@ -230,7 +236,29 @@ void WriteErrorFile(const std::set<int>& errorCodes, int command, int commDir) {
 
 // --------------------------------------------------------------- main loop
 
+bool TakeUpCommandFile(const std::string& path, int& last) {
+    last = GetCommandNumberFromCommandFilepath(path);
+    ZQIMLog("Found command file ", last, ": ", path);
+
+    gProgressFilepath = (fs::path(gCommDir) / CommandFileName(last, zqim::kProgressExtension))
+                            .string();
+    gPrevProgress = -1;
+
+    const int result =
+        ServiceCommandFile(path, OpenCommandFile(CommDirFd(), fs::path(path).filename().string()));
+    // The error file goes first: a front-end may read it as soon as it sees
+    // the finished file.
+    if (!gErrors.empty())
+        WriteErrorFile(std::set<int>(gErrors), last, CommDirFd());
+    WriteSignalFile(last, CommDirFd());
+    return result == zqim::kStop;
+}
+
 void mainLoop() {
+    if (gWake) {
+        WakeMainLoop();
+        return;
+    }
     int last = -1;
     while (true) {
         if (gQuitCommandFound) {
@@ -245,24 +273,8 @@ void mainLoop() {
         // A directory that was not there at start-up is checked when it
         // appears, and never read if it fails.
         const std::string next = HoldCommDir() ? GetNextCommand(last, CommDirFd(), gCommDir) : "";
-        if (!next.empty()) {
-            last = GetCommandNumberFromCommandFilepath(next);
-            ZQIMLog("Found command file ", last, ": ", next);
-
-            gProgressFilepath = (fs::path(gCommDir) / CommandFileName(last, zqim::kProgressExtension))
-                                    .string();
-            gPrevProgress = -1;
-
-            const int result = ServiceCommandFile(
-                next, OpenCommandFile(CommDirFd(), fs::path(next).filename().string()));
-            // The error file goes first: a front-end may read it as soon as
-            // it sees the finished file.
-            if (!gErrors.empty())
-                WriteErrorFile(std::set<int>(gErrors), last, CommDirFd());
-            WriteSignalFile(last, CommDirFd());
-            if (result == zqim::kStop)
-                return;
-        }
+        if (!next.empty() && TakeUpCommandFile(next, last))
+            return;
 
         if (!gQuitCommandFound)
             sleep(1);

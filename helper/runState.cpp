@@ -4,6 +4,7 @@ unsigned long long gPID = 0;
 std::string gCommDir;
 std::string gLogFilepath;
 bool gVerbose = false;
+bool gWake = false;
 bool gQuitCommandFound = false;
 
 LogFile gLogStream;

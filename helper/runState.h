@@ -18,6 +18,9 @@ extern std::string gCommDir;
 extern std::string gLogFilepath;
 // When set (-v), every log line is also echoed to standard output.
 extern bool gVerbose;
+// When set (-w), the main loop sleeps until the front-end writes a file or
+// ends, instead of polling once a second.
+extern bool gWake;
 extern bool gQuitCommandFound;
 
 // ---------------------------------------------------------------- the log

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -65,10 +66,36 @@ std::size_t Distance(std::string_view a, std::string_view b, std::size_t limit) 
     return std::min(row[b.size()], limit);
 }
 
-// The keyword an unknown command was most likely meant to be, or empty.
+// Whether `shorter` is a shortening of `longer`, ignoring case: its
+// beginning (lnkResult, setGroup), or its letters in order with the same
+// first one (copySrc in copySource). Four letters at least, and at least
+// half of the longer word, so that short words are not matched by chance.
+bool Shortens(std::string_view shorter, std::string_view longer) {
+    if (shorter.size() < 4 || shorter.size() >= longer.size() || 2 * shorter.size() < longer.size() ||
+        FoldCase(shorter[0]) != FoldCase(longer[0]))
+        return false;
+    std::size_t at = 0;
+    for (const char c : longer)
+        if (at < shorter.size() && FoldCase(c) == FoldCase(shorter[at]))
+            ++at;
+    return at == shorter.size();
+}
+
+// Keywords are ASCII letters: a word ends at white space or ASCII
+// punctuation ('copySource/x', 'setRoot='). Other bytes stay in it, so that
+// a misspelt letter written in two bytes counts as one word.
+bool InWord(char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte >= 0x80 || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+           (c >= '0' && c <= '9');
+}
+
+// The keyword an unknown command was most likely meant to be, or empty: one
+// at most two edits away (case aside), else one the word shortens or
+// lengthens (lnkResult, copySource).
 std::string_view NearestKeyword(std::string_view line) {
     std::size_t end = 0;
-    while (end < line.size() && !IsSpace(line[end]) && line[end] != '=' && line[end] != ':')
+    while (end < line.size() && InWord(line[end]))
         ++end;
     const std::string_view word = line.substr(0, std::min<std::size_t>(end, 64));
     std::string_view best;
@@ -82,7 +109,26 @@ std::string_view NearestKeyword(std::string_view line) {
             best = k->name;
         }
     }
+    for (const Keyword* k = KeywordsBegin(); best.empty() && k != KeywordsEnd(); ++k)
+        if (Shortens(word, k->name) || Shortens(k->name, word))
+            best = k->name;
     return best;
+}
+
+// The keywords that end the pair `start` begins, as a message names them.
+std::string PairEnds(std::string_view start) {
+    std::string ends;
+    for (const Keyword* k = KeywordsBegin(); k != KeywordsEnd(); ++k)
+        if (k->pairStart == start)
+            ends += (ends.empty() ? "'" : " or '") + std::string(k->name) + "'";
+    return ends;
+}
+
+// The preference setters, whose values are pasted into a shell line.
+bool IsPlistSetter(Command command) {
+    return command == Command::PlistLoc || command == Command::PlistPath ||
+           command == Command::PlistValueName || command == Command::PlistValueType ||
+           command == Command::PlistValueData;
 }
 
 bool HasDotDot(std::string_view path) {
@@ -143,8 +189,15 @@ public:
                     " (comments and unknown lines aside): fatal error " +
                     std::to_string(kPairOutOfOrder) + ", the helper stops; " + why,
                 Finding::StopsFile);
+            // This error names the start it was meant for: that one needs
+            // no finding of its own.
+            if (start != pairStarts.end())
+                for (Unused& unused : unusedStarts)
+                    unused.explained = unused.explained || unused.line == start->second.line;
             return;
         }
+        if (!k->pairStart.empty() && openStart)
+            openStart.reset();  // its pair is complete
         const std::size_t cut = k->name.size() + k->dropped;
         if (line.size() < cut) {
             Add(Finding::Error, column,
@@ -158,10 +211,14 @@ public:
                 Add(Finding::Warning, at,
                     Quote(name) + " is glued to its value: read as " + Quote(name) +
                         " with the value " + Quote(TrimmedValue(line.substr(cut))));
-            else if (k->dropped == 1 && next != ' ' && next != '\t')
+            else if (k->dropped == 1 && next != ' ' && next != '\t') {
+                const std::string_view left = TrimmedValue(line.substr(cut));
                 Add(Finding::Warning, at,
                     "the character after " + Quote(name) + " is dropped, whatever it is: " +
-                        Quote(line.substr(k->name.size(), 1)) + " is not part of the value");
+                        Quote(line.substr(k->name.size(), 1)) +
+                        " is not part of the value, which " +
+                        (left.empty() ? std::string("is empty") : "is " + Quote(left)));
+            }
         }
         const std::string_view value =
             line.size() >= cut ? TrimmedValue(line.substr(cut)) : std::string_view();
@@ -178,13 +235,36 @@ public:
                 start.brokenBy = lineNumber;
                 start.breaker = name;
             }
-        if (StartsPair(k->command))
+        if (openStart) {
+            openStart->brokenBy = lineNumber;
+            openStart->breaker = name;
+            unusedStarts.push_back(*openStart);
+            openStart.reset();
+        }
+        if (StartsPair(k->command)) {
             pairStarts[k->name] = PairStart{lineNumber, 0, ""};
+            // A bare start ends the process: it has its error already.
+            if (line.size() >= cut)
+                openStart = Unused{k->name, lineNumber, column, 0, "", false};
+        }
         prevCommand = name;
     }
 
     void End(int lines) {
-        if (context.lastFile && !exitLine) {
+        if (openStart)
+            unusedStarts.push_back(*openStart);
+        for (const Unused& unused : unusedStarts) {
+            if (unused.explained)
+                continue;
+            lineNumber = unused.line;
+            Add(Finding::Warning, unused.column,
+                Quote(unused.keyword) + " is never used: " +
+                    (unused.brokenBy ? "line " + std::to_string(unused.brokenBy) + " (" +
+                                           unused.breaker + ") comes before its "
+                                     : std::string("the file ends before its ")) +
+                    PairEnds(unused.keyword));
+        }
+        if (context.lastFile && !exitLine && !context.exitFollows) {
             lineNumber = std::max(lines, 1);
             Add(Finding::Warning, 1,
                 "no exit: after the last file the helper goes on polling until its front-end "
@@ -217,6 +297,13 @@ private:
         const bool placeholder = value.size() > 2 && value[0] == '@' &&
                                  value.find('@', 1) != std::string_view::npos;
         const bool absolute = placeholder || (!value.empty() && value[0] == '/');
+        // The helper has no quoting; the shell lines (exec, the preference
+        // values) have their own finding.
+        if (!value.empty() && (value[0] == '"' || value[0] == '\'') && command != Command::Exec &&
+            !IsPlistSetter(command))
+            Add(Finding::Warning, column,
+                "quotes are taken literally: the value is " + Quote(value) +
+                    ", quotes included (inner spaces need none)");
         switch (command) {
         case Command::CopySrc:
         case Command::DelFolder:
@@ -235,6 +322,13 @@ private:
             if (HasDotDot(value))
                 Add(Finding::Warning, column,
                     "a '..' component in a path meant to stay under the root");
+            // Joined as paths, an absolute one replaces the root (a link's
+            // place is joined as text, and stays below it).
+            if (context.rootSet && command != Command::LnkResulting && !value.empty() &&
+                value[0] == '/')
+                Add(Finding::Warning, column,
+                    "an absolute path leaves the root: " + name + " uses " + Quote(value) +
+                        " as it stands, not below the root");
             break;
         case Command::SetRoot:
             context.rootSet = !value.empty();
@@ -290,10 +384,21 @@ private:
         std::string breaker;
     };
 
+    // A pair's start not (yet) followed by its end.
+    struct Unused {
+        std::string_view keyword;
+        int line, column;
+        int brokenBy;
+        std::string breaker;
+        bool explained;  // a broken pair's error names it
+    };
+
     CheckContext& context;
     int lineNumber = 0;
     std::string prevCommand;
     std::map<std::string_view, PairStart> pairStarts;
+    std::optional<Unused> openStart;
+    std::vector<Unused> unusedStarts;
     int progress = -1;
     int exitLine = 0;
     int exitColumn = 0;
@@ -316,6 +421,11 @@ std::vector<Finding> CheckCommandFile(std::string_view text, CheckContext& conte
         at = end + 1;
     }
     check.End(number);
+    // A pair's start is judged at its end or the file's: back in line order.
+    std::stable_sort(check.findings.begin(), check.findings.end(),
+                     [](const Finding& a, const Finding& b) {
+                         return a.line != b.line ? a.line < b.line : a.column < b.column;
+                     });
     return std::move(check.findings);
 }
 

@@ -34,6 +34,9 @@ struct CheckContext {
     // read. Otherwise a file after one that ends with exit is taken as the
     // first of a new helper's run.
     bool oneHelper = false;
+    // The front-end sends an exit of its own after the last file (zqim run
+    // does): no file needs one.
+    bool exitFollows = false;
 };
 
 // The findings for one command file, in line order. Updates `context` with

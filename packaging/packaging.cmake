@@ -1,5 +1,6 @@
-# Installing the helper, its CMake package and its documents, and the Debian
-# package made from the same installation (cpack -G DEB).
+# Installing the helper, the client library (with a CMake package and a
+# pkg-config file), their documents, and the Debian package made from the
+# same installation (cpack -G DEB).
 
 include(CMakePackageConfigHelpers)
 
@@ -31,20 +32,29 @@ if(NOT APPLE)
 endif()
 find_program(ZQIM_GZIP gzip)
 if(ZQIM_GZIP)
-  foreach(doc changelog.Debian ZQIMHelper.1 zqim.1)
-    add_custom_command(OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/${doc}.gz
-      COMMAND ${ZQIM_GZIP} -9nc ${CMAKE_CURRENT_SOURCE_DIR}/packaging/${doc}
-              > ${CMAKE_CURRENT_BINARY_DIR}/${doc}.gz
-      DEPENDS packaging/${doc} VERBATIM)
-  endforeach()
+  add_custom_command(OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz
+    COMMAND ${ZQIM_GZIP} -9nc ${CMAKE_CURRENT_SOURCE_DIR}/packaging/changelog.Debian
+            > ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz
+    DEPENDS packaging/changelog.Debian VERBATIM)
   add_custom_target(zqim_compressed_docs ALL
-    DEPENDS ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz
-            ${CMAKE_CURRENT_BINARY_DIR}/ZQIMHelper.1.gz ${CMAKE_CURRENT_BINARY_DIR}/zqim.1.gz)
+    DEPENDS ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz
           DESTINATION ${CMAKE_INSTALL_DOCDIR})
-  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ZQIMHelper.1.gz ${CMAKE_CURRENT_BINARY_DIR}/zqim.1.gz
-          DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endif()
+
+# The manual pages (ZQIMHelper(1), zqim(1), zqim-commands(5)) and the
+# client library's pkg-config file name the installed paths: they are made
+# when installing, for the prefix installed to.
+install(CODE "
+  set(ZQIM_SOURCE_DIR \"${CMAKE_CURRENT_SOURCE_DIR}\")
+  set(ZQIM_BINARY_DIR \"${CMAKE_CURRENT_BINARY_DIR}\")
+  set(ZQIM_VERSION \"${PROJECT_VERSION}\")
+  set(ZQIM_BINDIR \"${CMAKE_INSTALL_BINDIR}\")
+  set(ZQIM_LIBDIR \"${CMAKE_INSTALL_LIBDIR}\")
+  set(ZQIM_INCLUDEDIR \"${CMAKE_INSTALL_INCLUDEDIR}\")
+  set(ZQIM_DOCDIR \"${CMAKE_INSTALL_DOCDIR}\")
+  set(ZQIM_MANDIR \"${CMAKE_INSTALL_MANDIR}\")
+  include(\"${CMAKE_CURRENT_SOURCE_DIR}/packaging/installGenerated.cmake\")")
 
 set(CPACK_PACKAGE_NAME zqimhelper)
 set(CPACK_PACKAGE_VENDOR "ZQIMHelper developers")

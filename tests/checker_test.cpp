@@ -15,7 +15,7 @@ namespace {
 struct Expected {
     Finding::Kind kind;
     int line, column;
-    std::string fragment;  // part of the message
+    std::string fragment;  // part of the message; with a final '$', its end
 };
 
 struct Case {
@@ -67,7 +67,9 @@ TEST(Checker, FindsWhatEndsStopsOrMisleadsWithLineAndColumn) {
         {"paths: relative sources, no root yet, a root ending in /, leaving the root",
          "copySrc stage/a\ndelFolder tmp/x\ndelFile a\nsetRoot /r/\ncopySrc /s\n"
          "copyDest ../etc/x\nlnkContent t\nlnkResulting a/../../b\n" + kEnd,
-         {{W, 1, 9, "relative path"}, {W, 2, 11, "relative path"},
+         {{W, 1, 1, "'copySrc' is never used: line 2 (delFolder) comes before its 'copyDest' or "
+                    "'moveOrCopyDest'"},
+          {W, 1, 9, "relative path"}, {W, 2, 11, "relative path"},
           {W, 3, 9, "before any setRoot"}, {W, 4, 9, "ending in '/'"}, {W, 6, 10, "'..'"},
           {W, 8, 14, "'..'"}},
          false, false},
@@ -76,6 +78,29 @@ TEST(Checker, FindsWhatEndsStopsOrMisleadsWithLineAndColumn) {
              kEnd,
          {{W, 1, 16, "double quote"}, {W, 3, 10, "goes down, from 40 to 30"},
           {W, 4, 10, "past 100"}, {N, 5, 6, "runs as root, through the shell: rm\\x0d\\x1b[2J /x"}}},
+        {"an absolute destination, quotes, a link never made, far typos, a glued value",
+         "setRoot /r\ncopySrc /s\ncopyDest /opt/x\ncopySrc \"/s t\"\nmoveOrCopyDest b\n"
+         "lnkContent t\nprogress 5\ncopySource /a\nlnkResult b\ncopySrc /s\n"
+         "copyDestversions/1.0\ndelFile /etc/x\nlnkContent /t\nlnkResulting /l\n"
+         "lnkContent u\n" + kEnd,
+         {{W, 3, 10, "an absolute path leaves the root: copyDest uses '/opt/x' as it stands"},
+          {W, 4, 9, "quotes are taken literally: the value is '\"/s t\"'"},
+          {W, 4, 9, "relative path"},
+          {W, 6, 1, "'lnkContent' is never used: line 7 (progress) comes before its "
+                    "'lnkResulting'"},
+          {W, 8, 1, "unknown command 'copySource /a' is skipped; did you mean 'copySrc'?"},
+          {W, 9, 1, "did you mean 'lnkResulting'?"},
+          {W, 11, 9, "'v' is not part of the value, which is 'ersions/1.0'"},
+          {W, 12, 9, "an absolute path leaves the root: delFile uses '/etc/x'"},
+          {W, 15, 1, "'lnkContent' is never used: line 16 (exit) comes before its"}}},
+        {"a start at the end of the file, and near-misses that are not",
+         "copySrc /s\nsetGroup 5\nfrobnicate\nmkdir /x\n",
+         {{W, 1, 1, "'copySrc' is never used: the file ends before its 'copyDest' or "
+                    "'moveOrCopyDest'"},
+          {W, 2, 1, "did you mean 'setGroupID'?"},
+          {W, 3, 1, "'frobnicate' is skipped$"},
+          {W, 4, 1, "'mkdir /x' is skipped; did you mean 'makeDir'?"},
+          {W, 4, 1, "no exit"}}},
         {"no final exit, and lines after an exit", "progress 1\n",
          {{W, 1, 1, "no exit"}}},
         {"lines after exit never run", "exit\nprogress 1\n",
@@ -93,9 +118,12 @@ TEST(Checker, FindsWhatEndsStopsOrMisleadsWithLineAndColumn) {
         ASSERT_EQ(found.size(), c.findings.size()) << c.name << "\n" << all;
         for (std::size_t i = 0; i < found.size(); ++i) {
             const Expected& e = c.findings[i];
+            const bool atEnd = !e.fragment.empty() && e.fragment.back() == '$';
+            const std::string fragment = e.fragment.substr(0, e.fragment.size() - atEnd);
+            const std::size_t at = found[i].message.rfind(fragment);
             EXPECT_TRUE(found[i].kind == e.kind && found[i].line == e.line &&
-                        found[i].column == e.column &&
-                        found[i].message.find(e.fragment) != std::string::npos)
+                        found[i].column == e.column && at != std::string::npos &&
+                        (!atEnd || at + fragment.size() == found[i].message.size()))
                 << c.name << ": expected " << e.line << ":" << e.column << " '" << e.fragment
                 << "'\n" << all;
         }

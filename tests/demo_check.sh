@@ -23,11 +23,11 @@ for entry in ./bin/zqdemo "./lib/current -> zqdemo-1.0" ./lib/zqdemo-1.0/message
 done
 grep -qx "    Hello from ZQ Demo." "$tmp/out" || fail "the installed program did not run"
 for file in install uninstall; do
-  grep -qE "^  .*/$file\.txt \(ZQCmd1\): [0-9.]+ s, no new error\$" "$tmp/out" ||
+  grep -qE "^.*/$file\.txt \(ZQCmd1\): [0-9.]+ s, no failed line$" "$tmp/out" ||
     fail "zqim run's summary for $file.txt"
 done
 [ "$(grep -c '^zqim run exit status: 0$' "$tmp/out")" -eq 2 ] || fail "zqim run exit status"
-[ "$(grep -c '^helper ended: exit status 0$' "$tmp/out")" -eq 2 ] || fail "helper exit status"
+[ "$(grep -c "^helper ended: exit status 0, after exit in file 1 (.*)$" "$tmp/out")" -eq 2 ] || fail "helper exit status"
 grep -q "Fatal error" "$tmp/out" && fail "a log holds a Fatal error line"
 grep -q "^The install root .* is gone\.$" "$tmp/out" || fail "uninstall left the install root"
 [ -z "$(ls -A "$tmp/work")" ] || fail "demo left $(ls -A "$tmp/work") behind"

@@ -21,13 +21,13 @@
 # and its build (kept afterwards, so a second run builds incrementally;
 # default: a fresh temporary directory, removed at the end);
 # ZQIM_MUTANTS_LIST names another list; ZQIM_MUTANT_TIMEOUT is the limit of
-# one suite run in seconds (default 300); ZQIM_JOBS the build's parallelism.
+# one suite run in seconds (default: three times what the suite took without
+# a fault, and a minute); ZQIM_JOBS the build's parallelism.
 # Exit status: 0 when every fault was killed, 1 otherwise, 2 when the suite
 # fails without any fault planted.
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 list=${ZQIM_MUTANTS_LIST:-$here/tests/mutants.list}
-limit=${ZQIM_MUTANT_TIMEOUT:-300}
 jobs=${ZQIM_JOBS:-$(getconf _NPROCESSORS_ONLN)}
 check_only=no
 case "${1:-}" in
@@ -60,9 +60,9 @@ clear_scratch() {
   rm -rf "${scratch:?}"/* "$scratch"/.[!.]* 2>/dev/null || true
 }
 planted=""   # the file holding a fault right now, restored on any exit
-suite="" dog=""
+suite=""
 cleanup() {
-  for group in $suite $dog; do kill -TERM -- -"$group" 2>/dev/null || true; done
+  if [ -n "$suite" ]; then kill -TERM -- -"$suite" 2>/dev/null || true; fi
   if [ -n "$suite" ]; then sleep 1; clear_scratch; fi
   rm -rf "$scratch"
   if [ -n "$planted" ]; then cp "$work/original" "$src/$planted"; fi
@@ -155,31 +155,42 @@ replaced() {
 # ------------------------------------------------------------- the suite
 
 ctest_args=(-j2 -E '^(Load\.|package$|demo$)')
-if ctest --help | grep -q -- --stop-on-failure; then
-  ctest_args+=(--stop-on-failure)
-fi
+failure='\*\*\*(Failed|Exception|Timeout|Not Run)'   # how ctest marks a failed test
 
-# Runs the fast suite with a time limit; prints the failed tests' names.
-# Returns 0 (passed), 1 (failed) or 124 (out of time).
+# Runs the fast suite; the failed tests' names go to $work/failed. With `first` the run
+# is stopped at the first failure (ctest's own --stop-on-failure lets the
+# tests already started run on, and some take minutes), and after `limit`
+# seconds. Returns 0 (passed), 1 (failed) or 124 (out of time).
 run_suite() {
-  local out=$work/ctest.log status
-  rm -f "$work/timed-out"
+  local first=$1 out=$work/ctest.log status=0 stopped="" begun=$SECONDS
+  rm -f "$work/suite-status"
+  # Emptied here, not by the run: the check below must never see the last run's failures.
+  : >"$out"
   set -m
-  (cd "$build" && TMPDIR=$scratch exec ctest "${ctest_args[@]}") >"$out" 2>&1 &
+  (cd "$build" && TMPDIR=$scratch ctest "${ctest_args[@]}"; echo $? >"$work/suite-status") \
+    >>"$out" 2>&1 &
   suite=$!
-  (sleep "$limit"; touch "$work/timed-out"; kill -TERM -- -"$suite" 2>/dev/null
-   sleep 5; kill -KILL -- -"$suite" 2>/dev/null) >/dev/null 2>&1 &
-  dog=$!
   set +m
-  status=0
-  wait "$suite" || status=$?
-  kill -- -"$dog" 2>/dev/null || true
-  wait "$dog" 2>/dev/null || true
-  suite="" dog=""
+  while [ ! -s "$work/suite-status" ]; do
+    if [ "$first" = yes ] && grep -qE "$failure" "$out"; then stopped=failed; break; fi
+    if [ "$first" = yes ] && [ $((SECONDS - begun)) -ge "$limit" ]; then stopped=time; break; fi
+    sleep 1
+  done
+  if [ -n "$stopped" ]; then
+    kill -TERM -- -"$suite" 2>/dev/null || true
+    sleep 2
+    kill -KILL -- -"$suite" 2>/dev/null || true
+  fi
+  wait "$suite" 2>/dev/null || true
+  suite=""
   clear_scratch
-  sed -n '/The following tests FAILED:/,$p' "$out" |
-    sed -nE 's/^[[:space:]]*[0-9]+ - (.*) \([^)]*\)$/\1/p' | tr '\n' ' '
-  if [ -e "$work/timed-out" ]; then return 124; fi
+  grep -E "$failure" "$out" | sed -nE 's/^ *[0-9]+\/[0-9]+ +Test +#[0-9]+: ([^ ]+) .*/\1/p' |
+    tr '\n' ' ' >"$work/failed"
+  case $stopped in
+    failed) return 1 ;;
+    time) return 124 ;;
+  esac
+  status=$(cat "$work/suite-status")
   [ "$status" -eq 0 ] || return 1
 }
 
@@ -217,11 +228,17 @@ cmake -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -DNDEBUG" -DZQIM_TESTS=ON \
   >"$work/configure.log" 2>&1 || { cat "$work/configure.log"; exit 2; }
 build_all || { cat "$work/build.log"; echo "the unmodified copy does not build" >&2; exit 2; }
-if ! failed=$(run_suite); then
-  echo "the suite fails without any fault planted (${failed:-see $work/ctest.log}); nothing to judge" >&2
+begun=$SECONDS
+if ! run_suite no; then
   cat "$work/ctest.log" >&2
+  echo "the suite fails without any fault planted ($(cat "$work/failed")); nothing to judge" >&2
   exit 2
 fi
+# A fault that makes a test wait for ever is stopped after three times as
+# long as the suite took without any: a loaded machine is no fault.
+took=$((SECONDS - begun))
+limit=${ZQIM_MUTANT_TIMEOUT:-$((3 * took + 60))}
+echo "the suite took $took s; each fault's run is stopped after $limit s"
 
 echo "== $((${#selected[@]})) faults, one at a time"
 killed=0 survived=0
@@ -237,7 +254,8 @@ for i in ${selected[@]+"${selected[@]}"}; do
     errors=$((errors + 1))
   else
     status=0
-    failed=$(run_suite) || status=$?
+    run_suite yes || status=$?
+    failed=$(cat "$work/failed")
     took="$((SECONDS - start)) s"
     case $status in
       0) printf 'survived  %s [%s]\n' "$name" "$took"; survived=$((survived + 1)) ;;

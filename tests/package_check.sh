@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Makes the Debian package from a build directory and checks it without
 # touching the system: its control data and contents, lintian where it is
-# installed, a front-end built with find_package() against the unpacked
-# tree, and the demo run with the helper, zqim and the example command files
-# unpacked from it.
+# installed, the manual pages naming the installed paths, a front-end built
+# with find_package() and one with pkg-config against the unpacked tree, and
+# the demo run with the helper, zqim and the example command files unpacked
+# from it.
 # Usage: bash tests/package_check.sh <build dir>     (exit 77: skipped)
 set -euo pipefail
 build=$(cd "${1:?usage: package_check.sh <build dir>}" && pwd)
@@ -27,6 +28,8 @@ for file in usr/bin/ZQIMHelper usr/bin/zqim usr/include/zqimClient.h usr/lib/lib
             usr/lib/cmake/ZQIMHelper/ZQIMHelperConfigVersion.cmake \
             usr/share/doc/zqimhelper/README.md usr/share/doc/zqimhelper/copyright \
             usr/share/doc/zqimhelper/changelog.Debian.gz usr/share/man/man1/ZQIMHelper.1.gz \
+            usr/share/man/man1/zqim.1.gz usr/share/man/man5/zqim-commands.5.gz \
+            usr/lib/pkgconfig/zqim-client.pc \
             usr/share/doc/zqimhelper/examples/install.txt \
             usr/share/doc/zqimhelper/examples/uninstall.txt; do
   grep -q " \./$file\$" <<<"$contents" || fail "package lacks $file"
@@ -41,6 +44,12 @@ else
 fi
 
 dpkg -x "$deb" "$tmp/root"
+# The pages name where the package puts things, not the build's prefix.
+for page in man1/zqim.1 man1/ZQIMHelper.1 man5/zqim-commands.5; do
+  text=$(gzip -dc "$tmp/root/usr/share/man/$page.gz")
+  grep -q '@ZQIM_' <<<"$text" && fail "$page keeps a placeholder"
+  grep -q '/usr/share/doc/zqimhelper/examples/' <<<"$text" || fail "$page lacks the examples' path"
+done
 mkdir -p "$tmp/consumer"
 cat >"$tmp/consumer/CMakeLists.txt" <<'CMAKE'
 cmake_minimum_required(VERSION 3.16)
@@ -70,6 +79,19 @@ CPP
   fail "find_package points at $(cat "$tmp/consumer/build/helper-path.txt")"
 [ "$("$tmp/consumer/build/front" "$tmp/root/usr/bin/ZQIMHelper")" = "answered; exit status 0" ] ||
   fail "the front-end built against the package"
+
+if command -v pkg-config >/dev/null; then
+  # The .pc file names /usr; the unpacked tree stands in for it.
+  flags=$(PKG_CONFIG_PATH=$tmp/root/usr/lib/pkgconfig PKG_CONFIG_SYSROOT_DIR=$tmp/root \
+          pkg-config --cflags --libs zqim-client) || fail "pkg-config zqim-client"
+  # shellcheck disable=SC2086
+  c++ -std=c++17 -o "$tmp/consumer/front-pc" "$tmp/consumer/front.cpp" $flags ||
+    fail "a front-end built with pkg-config"
+  [ "$("$tmp/consumer/front-pc" "$tmp/root/usr/bin/ZQIMHelper")" = "answered; exit status 0" ] ||
+    fail "the front-end built with pkg-config"
+else
+  echo "pkg-config: not installed, not tried"
+fi
 
 ZQIM_DEMO_EXAMPLES=$tmp/root/usr/share/doc/zqimhelper/examples \
   bash "$repo/tests/demo_check.sh" "$tmp/root/usr/bin/ZQIMHelper"

@@ -22,6 +22,11 @@ command -v make >/dev/null || need+=(make)
 # The Debian package: cpack's dependency list, and the package checker.
 command -v dpkg-shlibdeps >/dev/null || need+=(dpkg-dev)
 command -v lintian >/dev/null || need+=(lintian)
+# The copy tests read and set extended attributes, ACLs and file capabilities
+# with the system's own tools, and compare with cp -a.
+command -v getfattr >/dev/null || need+=(attr)
+command -v setfacl >/dev/null || need+=(acl)
+command -v setcap >/dev/null || need+=(libcap2-bin)
 if [ "$(id -u)" -eq 0 ]; then
   # Only root runs the fuzzer (it confines inputs with chroot) and mounts
   # the XFS image that shows copies sharing extents.

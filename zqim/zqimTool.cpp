@@ -1,8 +1,12 @@
 // zqim: tools for the people who write command files and front-ends.
 //
-//   zqim check [--no-pid] [--format=json] FILE...
-//   zqim run [--comm DIR] [--helper PATH] [--keep] [-v] [--check] FILE...
+//   zqim check [--no-pid] [--format=text|json] FILE...       (- reads standard input)
+//   zqim run [--comm DIR] [--helper PATH] [--keep] [-v] [--no-check]
+//            [--format=text|json] FILE...
 //   zqim --help | --version
+//
+// Options take their value as --opt=value or --opt value; -- ends them.
+// Exit statuses: zqim(1).
 
 #include "commandChecker.h"
 #include "zqimClient.h"
@@ -10,59 +14,126 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <iomanip>
 #include <iostream>
+#include <optional>
 #include <sstream>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace {
 
 const char* kUsage =
-    "usage: zqim check [--no-pid] [--format=json] FILE...\n"
-    "       zqim run [--comm DIR] [--helper PATH] [--keep] [-v] [--check] FILE...\n";
+    "usage: zqim check [--no-pid] [--format=text|json] FILE...\n"
+    "       zqim run [--comm DIR] [--helper PATH] [--keep] [-v] [--no-check]\n"
+    "                [--format=text|json] FILE...\n"
+    "FILE - is standard input; options take --opt=value or --opt value; -- ends them.\n";
 
 const char* kOptions =
     "       zqim --help | --version\n"
     "\n"
     "zqim check: reads command files as the helper would; runs nothing.\n"
     "  --no-pid         the helper will watch no process (waitForPID never returns)\n"
-    "  --format=json    the findings as JSON\n"
-    "zqim run: sends the files to a helper, one after the other.\n"
+    "  --format=json    the findings as JSON (--format=text: as lines, the default)\n"
+    "zqim run: checks the files, then sends them to a helper, one after the other.\n"
     "  --comm DIR       use DIR as the communication directory, not a private one\n"
     "  --helper PATH    the helper to start (else the one beside zqim, or on PATH)\n"
     "  --keep           leave the answered files (and a private directory) in place\n"
-    "  -v               print every line of the helper's log\n"
-    "  --check          refuse files the checker finds errors in\n"
+    "  -v               print every line of the helper's log (also --verbose)\n"
+    "  --no-check       send the files without checking them first\n"
+    "  --format=json    one JSON object per event on standard output\n"
     "  --help           print this text\n"
     "  --version        print the version\n";
 
-// Splits the arguments into options and files: `option` takes each
-// argument that begins with "-" (and may take the one after it, through
-// `next`); false for an option it does not know, or no file at all.
-template <typename Option>
-bool ParseArguments(const std::vector<std::string>& args, Option option,
-                    std::vector<std::string>& files) {
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        const std::string* next = i + 1 < args.size() ? &args[i + 1] : nullptr;
-        bool tookNext = false;
-        if (args[i].empty() || args[i][0] != '-')
-            files.push_back(args[i]);
-        else if (!option(args[i], next, tookNext))
-            return false;
-        i += tookNext;
-    }
-    return !files.empty();
+// Exit statuses (zqim(1)).
+constexpr int kRunFailedLine = 1;   // run: a line failed; the run stopped after its file
+constexpr int kCheckErrors = 2;     // check: errors; run: refused by the checker
+constexpr int kHelperGone = 3;      // run: the helper died, or ended before the last file
+constexpr int kUsageError = 64;
+constexpr int kNoInput = 66;
+constexpr int kUnavailable = 69;    // run: the helper could not be started or sent to
+
+int UsageError(const std::string& message) {
+    std::cerr << "zqim: " << message << "\n" << kUsage;
+    return kUsageError;
 }
 
+// An option of a verb: a flag, or one that takes a value. `set` returns
+// false for a value it does not accept.
+struct Option {
+    const char* name;
+    bool takesValue;
+    std::function<bool(const std::string&)> set;
+};
+
+// Splits the arguments into options and files: "--opt=value" and "--opt
+// value" alike, "-" and anything not beginning with "-" a file, and every
+// argument after "--" a file. Returns an error message, or empty.
+std::string ParseArguments(const std::vector<std::string>& args,
+                           const std::vector<Option>& options, std::vector<std::string>& files) {
+    bool optionsEnded = false;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const std::string& arg = args[i];
+        if (!optionsEnded && arg == "--") {
+            optionsEnded = true;
+            continue;
+        }
+        if (optionsEnded || arg.size() < 2 || arg[0] != '-') {
+            files.push_back(arg);
+            continue;
+        }
+        const std::size_t equals = arg.rfind("--", 0) == 0 ? arg.find('=') : std::string::npos;
+        const std::string name = arg.substr(0, equals);
+        const Option* option = nullptr;
+        for (const Option& o : options)
+            if (name == o.name)
+                option = &o;
+        if (!option)
+            return "unknown option " + name;
+        std::string value;
+        if (equals != std::string::npos) {
+            if (!option->takesValue)
+                return name + " takes no value";
+            value = arg.substr(equals + 1);
+        } else if (option->takesValue) {
+            if (i + 1 == args.size())
+                return name + " needs a value";
+            value = args[++i];
+        }
+        if (!option->set(value))
+            return "unknown value for " + name + ": " + value;
+    }
+    return files.empty() ? "no file given" : "";
+}
+
+bool SetFormat(const std::string& value, bool& json) {
+    json = value == "json";
+    return json || value == "text";
+}
+
+// What a file is called in messages: standard input as compilers call it.
+std::string Shown(const std::string& file) {
+    return file == "-" ? "<stdin>" : file;
+}
+
+// Reads a command file, or standard input for "-"; false with errno set.
 bool ReadFile(const std::string& path, std::string& text) {
+    std::ostringstream all;
+    if (path == "-") {
+        all << std::cin.rdbuf();
+        text = all.str();
+        return true;
+    }
     std::ifstream in(path, std::ios::binary);
     if (!in)
         return false;
-    std::ostringstream all;
     all << in.rdbuf();
     text = all.str();
     return true;
@@ -122,24 +193,23 @@ struct Checked {
     std::vector<zqim::Finding> findings;
 };
 
-// Checks the files as the command files of one run, in order (sent to one
-// helper with `oneHelper`). Returns the exit status: 2 with an error, 1 with
-// warnings only, else 0.
-int CheckFiles(const std::vector<std::string>& files, bool noPid, bool oneHelper,
+// Checks the command files of one run, in order, as `context` says they
+// are sent; `texts` holds what each file holds. Returns the exit status: 2
+// with an error, 1 with warnings only, else 0.
+int CheckFiles(const std::vector<std::string>& files, const std::vector<std::string>& texts,
+               const std::vector<int>& readErrors, zqim::CheckContext context,
                std::vector<Checked>& out) {
-    zqim::CheckContext context;
-    context.noPid = noPid;
-    context.oneHelper = oneHelper;
     int status = 0;
     for (std::size_t i = 0; i < files.size(); ++i) {
-        std::string text;
-        Checked checked{files[i], {}};
+        Checked checked{Shown(files[i]), {}};
         context.lastFile = i + 1 == files.size();
-        if (!ReadFile(files[i], text))
-            checked.findings.push_back({zqim::Finding::Error, 0, 0, "cannot read the file",
+        if (readErrors[i])
+            checked.findings.push_back({zqim::Finding::Error, 0, 0,
+                                        std::string("cannot read the file: ") +
+                                            std::strerror(readErrors[i]),
                                         zqim::Finding::Advice});
         else
-            checked.findings = zqim::CheckCommandFile(text, context);
+            checked.findings = zqim::CheckCommandFile(texts[i], context);
         for (const zqim::Finding& f : checked.findings)
             status = std::max(status, f.kind == zqim::Finding::Error     ? 2
                                       : f.kind == zqim::Finding::Warning ? 1
@@ -149,12 +219,16 @@ int CheckFiles(const std::vector<std::string>& files, bool noPid, bool oneHelper
     return status;
 }
 
+void PrintFinding(std::ostream& out, const std::string& file, const zqim::Finding& f) {
+    out << file << ":" << f.line << ":" << f.column << ": " << zqim::KindName(f.kind) << ": "
+        << f.message << "\n";
+}
+
 void PrintFindings(const std::vector<Checked>& checked, bool json) {
     if (!json) {
         for (const Checked& c : checked)
             for (const zqim::Finding& f : c.findings)
-                std::cout << c.file << ":" << f.line << ":" << f.column << ": "
-                          << zqim::KindName(f.kind) << ": " << f.message << "\n";
+                PrintFinding(std::cout, c.file, f);
         return;
     }
     std::cout << "[";
@@ -169,23 +243,35 @@ void PrintFindings(const std::vector<Checked>& checked, bool json) {
     std::cout << "\n]\n";
 }
 
+// Reads every file first; `readErrors` holds 0 for each file read, else
+// why it could not be.
+void ReadFiles(const std::vector<std::string>& files, std::vector<std::string>& texts,
+               std::vector<int>& readErrors) {
+    texts.assign(files.size(), "");
+    readErrors.assign(files.size(), 0);
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        errno = 0;
+        if (!ReadFile(files[i], texts[i]))
+            readErrors[i] = errno ? errno : EIO;
+    }
+}
+
 int Check(const std::vector<std::string>& args) {
-    bool noPid = false, json = false;
+    zqim::CheckContext context;
+    bool json = false;
     std::vector<std::string> files;
-    const bool parsed = ParseArguments(
+    const std::string error = ParseArguments(
         args,
-        [&](const std::string& a, const std::string*, bool&) {
-            if (a == "--no-pid")
-                return noPid = true;
-            if (a == "--format=json" || a == "--format=text")
-                return json = a == "--format=json", true;
-            return false;
-        },
+        {{"--no-pid", false, [&](const std::string&) { return context.noPid = true; }},
+         {"--format", true, [&](const std::string& v) { return SetFormat(v, json); }}},
         files);
-    if (!parsed)
-        return std::cerr << kUsage, 64;
+    if (!error.empty())
+        return UsageError(error);
+    std::vector<std::string> texts;
+    std::vector<int> readErrors;
+    ReadFiles(files, texts, readErrors);
     std::vector<Checked> checked;
-    const int status = CheckFiles(files, noPid, false, checked);
+    const int status = CheckFiles(files, texts, readErrors, context, checked);
     PrintFindings(checked, json);
     return status;
 }
@@ -202,8 +288,8 @@ std::string DefaultHelper(const char* argv0) {
     return "ZQIMHelper";
 }
 
-// One file's progress: a bar redrawn in place on a terminal, lines elsewhere;
-// with `verbose`, every line of the helper's log too.
+// One file's progress on a terminal: a bar redrawn in place; elsewhere,
+// lines. With `verbose`, every line of the helper's log too.
 class Display {
 public:
     Display(bool terminal, bool verbose) : terminal(terminal), verbose(verbose) {}
@@ -252,73 +338,204 @@ private:
     int percent = 0;
 };
 
+// What `zqim run --format=json` writes: one object per line and event.
+class Events {
+public:
+    void Progress(const std::string& file, int number, int percent) {
+        Emit("progress", file, number) << ", \"percent\": " << percent << "}" << std::endl;
+    }
+    void Log(const std::string& file, int number, const std::string& line) {
+        Emit("log", file, number) << ", \"line\": " << JsonString(line) << "}" << std::endl;
+    }
+    void Answer(const std::string& file, const zqim::Answer& a) {
+        std::ostream& out = Emit("answer", file, a.number);
+        out << ", \"finished\": " << Bool(a.finished) << ", \"died\": " << Bool(a.died)
+            << ", \"helperEnded\": " << Bool(a.helperEnded) << ", \"seconds\": " << std::fixed
+            << std::setprecision(6) << a.took.count() << ", \"codes\": " << Codes(a.codes)
+            << ", \"newCodes\": " << Codes(a.newCodes) << ", \"failures\": [";
+        const char* comma = "";
+        for (const zqim::Failure& f : a.failures) {
+            out << comma << "{\"line\": " << f.line << ", \"text\": " << JsonString(f.text)
+                << ", \"code\": " << f.code << ", \"name\": " << JsonString(zqim::CodeName(f.code))
+                << ", \"message\": " << JsonString(f.message) << "}";
+            comma = ", ";
+        }
+        out << "]}" << std::endl;
+    }
+    // `cause`: "stop" (ended by zqim after the last file), "exit" (a file's
+    // exit or fatal error ended it: `file`, `number`), "died" (it ended
+    // without answering `file`).
+    void Ended(const std::string& how, const char* cause, const std::string& file, int number) {
+        std::cout << "{\"event\": \"ended\", \"how\": " << JsonString(how) << ", \"cause\": \""
+                  << cause << "\"";
+        if (number)
+            std::cout << ", \"file\": " << JsonString(file) << ", \"number\": " << number;
+        std::cout << "}" << std::endl;
+    }
+
+private:
+    static std::ostream& Emit(const char* event, const std::string& file, int number) {
+        return std::cout << "{\"event\": \"" << event << "\", \"file\": " << JsonString(file)
+                         << ", \"number\": " << number;
+    }
+    static const char* Bool(bool value) { return value ? "true" : "false"; }
+    static std::string Codes(const std::vector<int>& codes) {
+        std::string out = "[";
+        for (std::size_t i = 0; i < codes.size(); ++i)
+            out += (i ? ", " : "") + std::to_string(codes[i]);
+        return out + "]";
+    }
+};
+
+// A file's answer as text: its time and outcome, then each failed line as
+// FILE:LINE: code NAME: message.
+void PrintAnswer(const std::string& file, const zqim::Answer& a) {
+    std::cout << file << " (" << zqim::kCommandPrefix << a.number << "): " << std::fixed
+              << std::setprecision(3) << a.took.count() << " s, ";
+    if (a.died)
+        std::cout << "the helper died on it: " << a.how;
+    else if (a.failures.empty())
+        std::cout << "no failed line";
+    else
+        std::cout << a.failures.size() << (a.failures.size() == 1 ? " failed line" : " failed lines");
+    for (std::size_t k = 0; k < a.newCodes.size(); ++k)
+        std::cout << (k ? ", " : "; new codes: ") << a.newCodes[k] << " "
+                  << zqim::CodeName(a.newCodes[k]);
+    std::cout << "\n";
+    for (const zqim::Failure& f : a.failures)
+        std::cout << file << ":" << f.line << ": " << f.code << " " << zqim::CodeName(f.code)
+                  << ": " << zqim::Printable(f.message) << "\n";
+}
+
 int Run(const std::vector<std::string>& args, const char* argv0) {
     zqim::Session::Options options;
     options.helper = DefaultHelper(argv0);
-    bool check = false;
+    bool check = true, json = false;
     std::vector<std::string> files;
-    const bool parsed = ParseArguments(
+    auto flag = [](bool& target, bool value) {
+        return [&target, value](const std::string&) { return target = value, true; };
+    };
+    const std::string error = ParseArguments(
         args,
-        [&](const std::string& a, const std::string* next, bool& tookNext) {
-            if ((a == "--comm" || a == "--helper") && next) {
-                (a == "--comm" ? options.commDir : options.helper) = *next;
-                return tookNext = true;
-            }
-            if (a == "--keep")
-                return options.keepFiles = true;
-            if (a == "-v")
-                return options.verbose = true;
-            return a == "--check" && (check = true);
-        },
+        {{"--comm", true, [&](const std::string& v) { return !(options.commDir = v).empty(); }},
+         {"--helper", true, [&](const std::string& v) { return !(options.helper = v).empty(); }},
+         {"--keep", false, flag(options.keepFiles, true)},
+         {"-v", false, flag(options.verbose, true)},
+         {"--verbose", false, flag(options.verbose, true)},
+         {"--check", false, flag(check, true)},
+         {"--no-check", false, flag(check, false)},
+         {"--format", true, [&](const std::string& v) { return SetFormat(v, json); }}},
         files);
-    if (!parsed)
-        return std::cerr << kUsage, 64;
+    if (!error.empty())
+        return UsageError(error);
 
-    std::vector<std::string> texts(files.size());
+    std::vector<std::string> texts;
+    std::vector<int> readErrors;
+    ReadFiles(files, texts, readErrors);
     for (std::size_t i = 0; i < files.size(); ++i)
-        if (!ReadFile(files[i], texts[i]))
-            return std::cerr << "zqim: cannot read " << files[i] << "\n", 66;
+        if (readErrors[i])
+            return std::cerr << "zqim: cannot read " << Shown(files[i]) << ": "
+                             << std::strerror(readErrors[i]) << "\n",
+                   kNoInput;
     if (check) {
+        // The files go to one helper in turn, and the exit at the end is
+        // zqim's. Errors refuse the run; warnings are only shown.
+        zqim::CheckContext context;
+        context.oneHelper = true;
+        context.exitFollows = true;
         std::vector<Checked> checked;
-        if (CheckFiles(files, false, true, checked) == 2) {
-            PrintFindings(checked, false);
-            std::cerr << "zqim: not run: the files have errors\n";
-            return 2;
+        const int status = CheckFiles(files, texts, readErrors, context, checked);
+        for (const Checked& c : checked)
+            for (const zqim::Finding& f : c.findings)
+                if (f.kind != zqim::Finding::Note)
+                    PrintFinding(std::cerr, c.file, f);
+        if (status == kCheckErrors) {
+            std::cerr << "zqim: not run: the files have errors (--no-check sends them anyway)\n";
+            return kCheckErrors;
         }
     }
 
-    zqim::Session helper = zqim::Session::Start(options);
-    Display display(::isatty(1), options.verbose);
-    std::vector<std::pair<std::string, zqim::Answer>> answers;
-    bool failed = false;
-    for (std::size_t i = 0; i < files.size() && !failed; ++i) {
-        display.Start(files[i]);
-        const int number = helper.Send(texts[i]);
-        zqim::Answer answer = helper.Wait(
-            number, [&](int p) { display.Progress(p); },
-            [&](const std::string& line) { display.Log(line); });
-        display.Done();
-        failed = answer.died || !answer.newCodes.empty();
-        answers.emplace_back(files[i], std::move(answer));
+    std::optional<zqim::Session> started;
+    try {
+        started.emplace(zqim::Session::Start(options));
+    } catch (const std::system_error& e) {
+        std::cerr << "zqim: " << e.what() << "\n";
+        return kUnavailable;
     }
-    const std::string ended = helper.Stop();
+    zqim::Session& helper = *started;
+    Display display(!json && ::isatty(1), options.verbose);
+    Events events;
+    int status = 0;
+    std::size_t ran = 0;
+    const zqim::Answer* last = nullptr;
+    zqim::Answer answer;
+    for (std::size_t i = 0; i < files.size() && status == 0; ++i) {
+        const std::string file = Shown(files[i]);
+        int number;
+        try {
+            number = helper.Send(texts[i]);
+        } catch (const std::system_error& e) {
+            std::cerr << "zqim: cannot send " << file << ": " << e.what() << "\n";
+            status = kUnavailable;
+            break;
+        }
+        if (!json)
+            display.Start(file);
+        answer = helper.Wait(
+            number,
+            [&](int p) { json ? events.Progress(file, number, p) : display.Progress(p); },
+            [&](const std::string& line) {
+                json ? events.Log(file, number, line) : display.Log(line);
+            });
+        ++ran;
+        last = &answer;
+        if (json) {
+            events.Answer(file, answer);
+        } else {
+            display.Done();
+            PrintAnswer(file, answer);
+        }
+        if (answer.died)
+            status = kHelperGone;
+        else if (!answer.failures.empty() || !answer.newCodes.empty())
+            status = kRunFailedLine;
+        else if (answer.helperEnded && i + 1 < files.size())
+            status = kHelperGone;  // an exit before the last file
+    }
+    const std::string how = helper.Stop();
 
-    std::cout << "ran " << answers.size() << " of " << files.size() << " command files in "
-              << helper.CommDir() << "\n";
-    for (const auto& [file, a] : answers) {
-        std::cout << "  " << file << " (" << zqim::kCommandPrefix << a.number << "): " << std::fixed
-                  << std::setprecision(1) << a.took.count() << " s, ";
-        if (a.died)
-            std::cout << "the helper died on it: " << a.how;
-        else if (a.newCodes.empty())
-            std::cout << "no new error";
-        for (std::size_t k = 0; k < a.newCodes.size(); ++k)
-            std::cout << (k ? ", " : "new errors: ") << a.newCodes[k] << " "
-                      << zqim::CodeName(a.newCodes[k]);
-        std::cout << "\n";
+    // Why the helper ended: zqim's own exit after the last file, or a
+    // file's exit or fatal error, or a death.
+    const std::string lastFile = ran ? Shown(files[ran - 1]) : "";
+    std::string cause = "stop", why;
+    if (last && last->died) {
+        cause = "died";
+        why = "died on file " + std::to_string(last->number);
+    } else if (last && last->helperEnded) {
+        const bool fatal = std::any_of(last->failures.begin(), last->failures.end(),
+                                       [](const zqim::Failure& f) {
+                                           return f.code >= zqim::kFatalFrom;
+                                       });
+        cause = fatal ? "fatal" : "exit";
+        why = std::string(fatal ? "after a fatal error" : "after exit") + " in file " +
+              std::to_string(last->number);
     }
-    std::cout << "helper ended: " << ended << "\n";
-    return failed ? 1 : 0;
+    if (json) {
+        events.Ended(how, cause.c_str(), lastFile, cause == "stop" ? 0 : last->number);
+    } else {
+        std::cout << "ran " << ran << " of " << files.size() << " command files in "
+                  << helper.CommDir() << "\n";
+        std::cout << "helper ended: " << how << (why.empty() ? "" : ", " + why + " (" + lastFile + ")")
+                  << "\n";
+    }
+    if (status == kHelperGone)
+        std::cerr << "zqim: the helper " << (cause == "died" ? "" : "ended ") << why << " ("
+                  << lastFile << ")" << (cause == "died" ? ": " + last->how : "")
+                  << (ran < files.size() ? "; not sent: " + std::to_string(files.size() - ran) +
+                                               (files.size() - ran == 1 ? " file" : " files")
+                                         : "")
+                  << "\n";
+    return status;
 }
 
 }  // namespace
@@ -326,13 +543,19 @@ int Run(const std::vector<std::string>& args, const char* argv0) {
 int main(int argc, char** argv) {
     std::vector<std::string> args(argv + 1, argv + argc);
     if (args.empty())
-        return std::cerr << kUsage, 64;
+        return UsageError("no command");
     const std::string command = args[0];
     args.erase(args.begin());
-    if (command == "--help" || command == "-h")
-        return std::cout << kUsage << kOptions, 0;
     if (command == "--version")
         return std::cout << "zqim " ZQIM_VERSION "\n", 0;
+    for (const std::string& arg : args) {
+        if (arg == "--")
+            break;
+        if (arg == "--help" || arg == "-h")
+            return std::cout << kUsage << kOptions, 0;
+    }
+    if (command == "--help" || command == "-h")
+        return std::cout << kUsage << kOptions, 0;
     try {
         if (command == "check")
             return Check(args);
@@ -340,8 +563,7 @@ int main(int argc, char** argv) {
             return Run(args, argv[0]);
     } catch (const std::exception& e) {
         std::cerr << "zqim: " << e.what() << "\n";
-        return 1;
+        return kUnavailable;
     }
-    std::cerr << kUsage;
-    return 64;
+    return UsageError("unknown command " + command);
 }
