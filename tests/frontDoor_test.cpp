@@ -74,40 +74,6 @@ private:
     pid_t pid = -1;
 };
 
-// Linux's fs.protected_* switches hide some of these ways in (and refuse
-// some of the attacker's own steps); macOS has none of them. Off for the
-// test, restored after.
-class ProtectionsOff {
-public:
-    ProtectionsOff() {
-        for (const char* name : {"symlinks", "hardlinks", "fifos", "regular"}) {
-            const std::string path = std::string("/proc/sys/fs/protected_") + name;
-            std::string value;
-            if (!(std::ifstream(path) >> value))
-                continue;  // no such switch here
-            if (!Set(path, "0")) {
-                switchedOff = false;
-                return;
-            }
-            saved.emplace_back(path, value);
-        }
-    }
-    ~ProtectionsOff() {
-        for (const auto& [path, value] : saved)
-            Set(path, value);
-    }
-    bool ok() const { return switchedOff; }
-
-private:
-    static bool Set(const std::string& path, const std::string& value) {
-        std::ofstream out(path);
-        out << value << "\n";
-        out.close();
-        return !out.fail();
-    }
-    std::vector<std::pair<std::string, std::string>> saved;
-    bool switchedOff = true;
-};
 
 struct Status {
     uid_t owner;

@@ -256,7 +256,7 @@ TEST(PathTrust, FileWithASecondNameIsNeverHandedOver) {
     GiveAway(lib);
     Touch(lib / "plain");
     {
-        HardLinksUnprotected unprotected;
+        ProtectionsOff unprotected({"hardlinks"});
         ASSERT_TRUE(unprotected.ok()) << "fs.protected_hardlinks cannot be switched off";
         ASSERT_EQ(AsOtherUser([&] {
                       return link(secret.c_str(), (lib / "hl").c_str()) == 0 ? 0 : errno;

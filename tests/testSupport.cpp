@@ -212,25 +212,35 @@ void ScratchMount::detach() {
 
 ScratchMount::~ScratchMount() { detach(); }
 
-static constexpr const char* kHardLinkSwitch = "/proc/sys/fs/protected_hardlinks";
-
-HardLinksUnprotected::HardLinksUnprotected() {
-    lock = open(kHardLinkSwitch, O_RDONLY | O_CLOEXEC);
+ProtectionsOff::ProtectionsOff(std::vector<std::string> names) {
+    // One lock for every switch, on one that every kernel with them has.
+    lock = open("/proc/sys/fs/protected_hardlinks", O_RDONLY | O_CLOEXEC);
     if (lock < 0 || flock(lock, LOCK_EX) != 0)
         return;
-    saved = ReadFile(kHardLinkSwitch);
-    changed = !saved.empty() && saved != "0\n";
-    if (changed)
-        WriteFile(kHardLinkSwitch, "0\n");
+    for (const std::string& name : names) {
+        const std::string path = "/proc/sys/fs/protected_" + name;
+        const std::string value = ReadFile(path);
+        if (value.empty() || value == "0\n")
+            continue;  // not here, or already off: left as found
+        saved.emplace_back(path, value);
+        WriteFile(path, "0\n");
+    }
 }
 
-HardLinksUnprotected::~HardLinksUnprotected() {
-    if (changed)
-        WriteFile(kHardLinkSwitch, saved);
+ProtectionsOff::~ProtectionsOff() {
+    for (const auto& [path, value] : saved)
+        WriteFile(path, value);
     if (lock >= 0)
         close(lock);  // and with it the lock
 }
 
-bool HardLinksUnprotected::ok() const { return lock >= 0 && ReadFile(kHardLinkSwitch) == "0\n"; }
+bool ProtectionsOff::ok() const {
+    if (lock < 0)
+        return false;
+    for (const auto& [path, value] : saved)
+        if (ReadFile(path) != "0\n")
+            return false;
+    return true;
+}
 
 }  // namespace zqimtest

@@ -100,24 +100,26 @@ private:
 
 bool IsRoot();
 
-// Linux's fs.protected_hardlinks off for as long as it lives, so that a user
-// may link a file they do not own (as macOS always lets them). Tests run
-// side by side, in this process or others: each holds an exclusive lock on
-// the switch meanwhile, so that none takes another's "off" for the
-// machine's setting and leaves it so. Found off, it is left off. `ok()` is
-// false where the switch cannot be turned (not root, not Linux).
-class HardLinksUnprotected {
+// Linux's fs.protected_* switches off for as long as it lives: each hides
+// some way in that a hostile user has on macOS, which has none of them
+// (hard links to files they do not own, links and fifos in sticky folders).
+// Tests run side by side, in this process or others: each holds one
+// exclusive lock meanwhile, so that none takes another's "off" for the
+// machine's setting and leaves it so. `ok()` is false where a switch cannot
+// be turned (not root, not Linux).
+class ProtectionsOff {
 public:
-    HardLinksUnprotected();
-    ~HardLinksUnprotected();
-    HardLinksUnprotected(const HardLinksUnprotected&) = delete;
-    HardLinksUnprotected& operator=(const HardLinksUnprotected&) = delete;
+    // The switches by name ("hardlinks", "symlinks", "fifos", "regular").
+    explicit ProtectionsOff(std::vector<std::string> names = {"symlinks", "hardlinks", "fifos",
+                                                              "regular"});
+    ~ProtectionsOff();
+    ProtectionsOff(const ProtectionsOff&) = delete;
+    ProtectionsOff& operator=(const ProtectionsOff&) = delete;
     bool ok() const;
 
 private:
     int lock = -1;
-    std::string saved;
-    bool changed = false;
+    std::vector<std::pair<std::string, std::string>> saved;  // path, value found
 };
 
 }  // namespace zqimtest

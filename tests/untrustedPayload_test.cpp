@@ -119,7 +119,7 @@ TEST(UntrustedPayload, HardLinkToRootsFileIsNeverRead) {
     Scene scene;
     const fs::path payload = scene.stage / "payload", trusted = scene.tmp / "trusted";
     {
-        HardLinksUnprotected unprotected;
+        ProtectionsOff unprotected({"hardlinks"});
         if (!unprotected.ok())
             GTEST_SKIP() << "fs.protected_hardlinks cannot be switched off here";
         scene.Payload([&] {
