@@ -220,11 +220,7 @@ void StartWatching(Watch& watch) {
 }  // namespace
 
 void WakeMainLoop() {
-    // Kept until the process ends: the kernel removes a directory watch only
-    // after a grace period (Linux: 5-20 ms), which must not hold back the
-    // last log line once the front-end has gone.
-    static Watch watch;
-    watch = Watch();
+    Watch watch;
     StartWatching(watch);
     while (true) {
         if (gQuitCommandFound) {

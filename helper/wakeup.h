@@ -41,6 +41,13 @@ struct Changes {
 // together.
 class WakeSource {
 public:
+    WakeSource() = default;
+    WakeSource(const WakeSource&) = delete;
+    WakeSource& operator=(const WakeSource&) = delete;
+    // Lets go of the events without making the caller wait for the system
+    // to take the watch down (see wakeup_linux.cpp).
+    ~WakeSource();
+
     // Watches the directory held open as `dir`; the caller keeps it open.
     std::error_code WatchDirectory(int dir);
     // Also wakes when the process of `handle` (OpenProcessHandle), `pid`, ends;

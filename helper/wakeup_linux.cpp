@@ -3,12 +3,14 @@
 
 #include "wakeup.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <climits>
 #include <cstddef>
 #include <cstring>
@@ -33,6 +35,47 @@ bool ProcessHandleSaysEnded(int handle) {
 }
 
 // ------------------------------------------------------------ wake-ups
+
+// Closing the last handle on an inotify instance that watches something
+// waits for the kernel to retire the watch (an RCU grace period: 8-20 ms
+// here), and a process's exit waits for that close. Whoever waits for the
+// helper to end (the client library, a front-end about to start the next
+// one) should not wait for that too, so a child holds the instance across
+// the helper's own close and pays for the teardown when it ends, right
+// after. Without a child (fork failed), the close is simply slow.
+static void CloseWithoutWaiting(UniqueFd& queue) {
+    int gate[2];
+    if (!queue.valid() || ::pipe2(gate, O_CLOEXEC) != 0) {
+        queue.reset();
+        return;
+    }
+    const pid_t child = ::fork();
+    if (child == 0) {
+        // Only async-signal-safe calls here. The gate's other end first:
+        // kept, it would hold the child forever. Then, where the kernel
+        // can, everything but the instance and the gate, so that no file,
+        // lock or directory of the helper's outlives it.
+        ::close(gate[1]);
+        const unsigned kept[2] = {static_cast<unsigned>(std::min(queue.get(), gate[0])),
+                                  static_cast<unsigned>(std::max(queue.get(), gate[0]))};
+#ifdef SYS_close_range
+        if (kept[0] > 0)
+            ::syscall(SYS_close_range, 0U, kept[0] - 1, 0U);
+        if (kept[1] > kept[0] + 1)
+            ::syscall(SYS_close_range, kept[0] + 1, kept[1] - 1, 0U);
+        ::syscall(SYS_close_range, kept[1] + 1, ~0U, 0U);
+#endif
+        char byte;
+        while (::read(gate[0], &byte, 1) < 0 && errno == EINTR) {
+        }
+        ::_exit(0);
+    }
+    queue.reset();  // not the last handle while the child waits at the gate
+    ::close(gate[1]);  // opens the gate: the child ends
+    ::close(gate[0]);
+}
+
+WakeSource::~WakeSource() { CloseWithoutWaiting(queue_); }
 
 std::error_code WakeSource::WatchDirectory(int dir) {
     queue_ = UniqueFd(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));

@@ -48,6 +48,9 @@ bool ProcessHandleSaysEnded(int handle) {
 
 // ------------------------------------------------------------ wake-ups
 
+// Closing a kqueue takes its knotes down at once.
+WakeSource::~WakeSource() = default;
+
 std::error_code WakeSource::WatchDirectory(int dir) {
     queue_ = UniqueFd(::kqueue());
     if (!queue_.valid())

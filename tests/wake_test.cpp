@@ -386,4 +386,44 @@ TEST(WakeLinux, LostEventsAreMadeUpForByAListing) {
     EXPECT_EQ(Found(frontend), (std::vector<int>{1, 2, 3}));
 }
 
+// The directory watch's teardown is left to a child, which must end by
+// itself: a helper as root that ends leaves no process behind. The test
+// adopts the helper's orphans (a subreaper) to see them end.
+TEST(WakeLinux, EndsWithoutLeavingAProcessBehind) {
+    ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    TempDir comm;
+    Frontend frontend(comm.path());
+    frontend.send(1, "exit\n");
+    {
+        HelperProcess helper(Wake(comm.path()));
+        ASSERT_TRUE(helper.wait(20s)) << frontend.logText();
+    }
+    int adopted = 0;
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    pid_t ended;
+    while ((ended = waitpid(-1, nullptr, WNOHANG)) >= 0 &&
+           std::chrono::steady_clock::now() < deadline) {
+        if (ended > 0)
+            ++adopted;
+        else
+            std::this_thread::sleep_for(1ms);
+    }
+    const int left = errno;
+    if (ended >= 0) {  // the fault's process is not left running: it is ours now
+        for (const auto& entry : fs::directory_iterator("/proc")) {
+            std::ifstream status(entry.path() / "status");
+            std::string line;
+            while (std::getline(status, line))
+                if (line == "PPid:\t" + std::to_string(getpid()))
+                    ::kill(std::stoi(entry.path().filename().string()), SIGKILL);
+        }
+        while (waitpid(-1, nullptr, 0) > 0) {
+        }
+    }
+    prctl(PR_SET_CHILD_SUBREAPER, 0);
+    EXPECT_EQ(ended, -1) << "a process of the helper's still runs";
+    EXPECT_EQ(left, ECHILD);
+    EXPECT_LE(adopted, 1);
+}
+
 #endif  // __linux__
