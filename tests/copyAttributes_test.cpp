@@ -32,7 +32,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr uid_t kNobody = 65534;
 
 // The standard output of a shell command.
 std::string Output(const std::string& command) {

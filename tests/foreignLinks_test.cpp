@@ -83,7 +83,6 @@ extern "C" int openat(int dir, const char* name, int flags, ...) {
 namespace {
 
 // Another user, who need not have a name: root can be anyone.
-constexpr uid_t kNobody = 65534;
 
 // Name -> owner and content of every entry below `dir`, links as their text.
 std::map<std::string, std::string> Snapshot(const fs::path& dir) {
@@ -116,7 +115,7 @@ public:
             close(fd);
             return;
         }
-        if (setgid(kNobody) != 0 || setuid(kNobody) != 0)
+        if (!BecomeNobody())
             _exit(1);
         for (;;)
             for (int i = 0; i < pairs; ++i) {

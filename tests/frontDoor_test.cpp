@@ -23,22 +23,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr uid_t kNobody = 65534;
-
-// Runs `act` in a child process as nobody; true when it says it succeeded.
-template <typename Act>
-bool AsNobody(Act act) {
-    const pid_t child = fork();
-    if (child == 0) {
-        if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0)
-            _exit(2);
-        _exit(act() ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
 // A front-end running as nobody, until the end of the scope.
 class NobodyFrontEnd {
 public:
@@ -48,7 +32,7 @@ public:
             return;
         pid = fork();
         if (pid == 0) {
-            if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0)
+            if (!BecomeNobody())
                 _exit(2);
             const char up = 1;
             if (write(ready[1], &up, 1) != 1)

@@ -29,22 +29,8 @@ using namespace zqimtest;
 
 namespace {
 
-constexpr uid_t kNobody = 65534;
 const std::string kIds = "uid=65534,gid=65534";
 const std::string kDenied = "Error 13: category=generic, message=Permission denied";
-
-// Runs `act` in a child as the other user; its exit status says how it went.
-int AsOtherUser(const std::function<int()>& act) {
-    const pid_t child = fork();
-    if (child == 0) {
-        if (setgid(kNobody) != 0 || setuid(kNobody) != 0)
-            _exit(126);
-        _exit(act());
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 // What the helper answered to one command file, which ends it.
 struct Answer {
@@ -352,7 +338,7 @@ TEST(Examples, ReRunAndUninstallCannotBeLedToAnotherUsersProgramOrRootsFiles) {
     const pid_t swapper = fork();
     if (swapper == 0) {
         close(ready[0]);
-        if (setgid(kNobody) != 0 || setuid(kNobody) != 0)
+        if (!BecomeNobody())
             _exit(126);
         const int watch = inotify_init1(IN_CLOEXEC);
         if (inotify_add_watch(watch, (in.root / "bin").c_str(), IN_MOVED_TO | IN_CREATE) < 0)

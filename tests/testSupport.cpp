@@ -5,6 +5,7 @@
 #include "trust.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <pwd.h>
 #include <sys/file.h>
 #include <signal.h>
@@ -211,6 +212,23 @@ void ScratchMount::detach() {
 }
 
 ScratchMount::~ScratchMount() { detach(); }
+
+bool BecomeNobody() {
+    return setgroups(0, nullptr) == 0 && setgid(kNobody) == 0 && setuid(kNobody) == 0;
+}
+
+int AsOtherUser(const std::function<int()>& act) {
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(BecomeNobody() ? act() : 126);
+    int status = -1;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bool AsNobody(const std::function<bool()>& act) {
+    return AsOtherUser([&] { return act() ? 0 : 1; }) == 0;
+}
 
 ProtectionsOff::ProtectionsOff(std::vector<std::string> names) {
     // One lock for every switch, on one that every kernel with them has.

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -99,6 +100,19 @@ private:
 };
 
 bool IsRoot();
+
+// The other user of the tests: another, untrusted user of the machine.
+constexpr uid_t kNobody = 65534;
+
+// In a child just forked, becomes uid and gid 65534 with no other groups.
+bool BecomeNobody();
+
+// Runs `act` in a child as nobody; its exit status (126: it could not
+// become nobody; -1: it did not exit).
+int AsOtherUser(const std::function<int()>& act);
+
+// Runs `act` in a child as nobody; true when it returned true.
+bool AsNobody(const std::function<bool()>& act);
 
 // Linux's fs.protected_* switches off for as long as it lives: each hides
 // some way in that a hostile user has on macOS, which has none of them

@@ -31,21 +31,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr uid_t kNobody = 65534;
-
-// Runs `act` in a child as uid and gid 65534; true when it returned true.
-bool AsNobody(const std::function<bool()>& act) {
-    const pid_t child = fork();
-    if (child == 0) {
-        if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0)
-            _exit(2);
-        _exit(act() ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
 void Put(const fs::path& p, const std::string& content) {
     fs::create_directories(p.parent_path());
     WriteFile(p, content);
@@ -223,7 +208,7 @@ TEST(UntrustedPayload, SourceSwappedForAFifoNeverBlocks) {
     const pid_t swapper = fork();
     if (swapper == 0) {
         const int watch = inotify_init1(0);
-        if (setgid(kNobody) != 0 || setuid(kNobody) != 0 ||
+        if (!BecomeNobody() ||
             inotify_add_watch(watch, scene.root.c_str(), IN_ACCESS) < 0)
             _exit(1);
         close(ready[1]);
