@@ -254,6 +254,18 @@ bool TakeUpCommandFile(const std::string& path, int& last) {
     return result == zqim::kStop;
 }
 
+bool MainLoopMustEnd() {
+    if (gQuitCommandFound) {
+        ZQIMLog("Quit command processed. Quitting.");
+        return true;
+    }
+    if (gPID != 0 && !isProcessAlive(gPID)) {
+        ZQIMLog("PID is gone. Exiting.");
+        return true;
+    }
+    return false;
+}
+
 void mainLoop() {
     if (gWake) {
         WakeMainLoop();
@@ -261,14 +273,8 @@ void mainLoop() {
     }
     int last = -1;
     while (true) {
-        if (gQuitCommandFound) {
-            ZQIMLog("Quit command processed. Quitting.");
+        if (MainLoopMustEnd())
             return;
-        }
-        if (gPID != 0 && !isProcessAlive(gPID)) {
-            ZQIMLog("PID is gone. Exiting.");
-            return;
-        }
 
         // A directory that was not there at start-up is checked when it
         // appears, and never read if it fails.

@@ -60,6 +60,9 @@ void mainLoop();
 // it, runs it and answers it (the error file, then the finished file); `last`
 // becomes its number. True when the helper must stop.
 bool TakeUpCommandFile(const std::string& path, int& last);
+// Checked by both loops before each look: true (and said in the log) when
+// an exit was processed or the watched process has gone.
+bool MainLoopMustEnd();
 // The main loop of -w: the same answers in the same order, but it sleeps
 // until the front-end writes a file or ends (wakeLoop.cpp).
 void WakeMainLoop();

@@ -223,14 +223,8 @@ void WakeMainLoop() {
     Watch watch;
     StartWatching(watch);
     while (true) {
-        if (gQuitCommandFound) {
-            ZQIMLog("Quit command processed. Quitting.");
+        if (MainLoopMustEnd())
             return;
-        }
-        if (gPID != 0 && !isProcessAlive(gPID)) {
-            ZQIMLog("PID is gone. Exiting.");
-            return;
-        }
         if (!watch.dir.valid() && !HoldWatchedDir(watch))
             watch.complete = false;  // created since: list it
 

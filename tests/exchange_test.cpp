@@ -6,9 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#ifdef __linux__
-#include <sys/inotify.h>
-#endif
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -104,9 +101,9 @@ TEST(Exchange, ServicesEachCommandFileOnceInNumberOrder) {
     WriteFile(frontend.file(4, ".zqsig"), "");
     WriteFile(comm / "ZQCmd5.backup.txt", "makeDir " + (comm / "five").string());
     frontend.send(9, "copyDest y\nmakeDir " + (comm / "never").string());
-#ifdef __linux__  // the order files are closed in is watched with inotify
-    const int watch = inotify_init1(IN_NONBLOCK);
-    ASSERT_GE(inotify_add_watch(watch, comm.path().c_str(), IN_CLOSE_WRITE), 0);
+    CloseOrder closed(comm.path());  // seen on Linux only
+#ifdef __linux__
+    ASSERT_TRUE(closed.ok());
 #endif
     HelperProcess helper({"-c", comm.path().string()});
 
@@ -134,16 +131,10 @@ TEST(Exchange, ServicesEachCommandFileOnceInNumberOrder) {
     EXPECT_EQ(helper.output(),
               kStart + "No PID passed in.\nCommunication dir was: " + comm.path().string() + "\n");
 
-#ifdef __linux__
-    // The error file is complete before the finished file that announces it.
-    std::string closed;  // files closed after writing, in order; one read holds them all
-    alignas(inotify_event) char raw[64 * 1024];
-    const ssize_t size = read(watch, raw, sizeof raw);
-    for (ssize_t at = 0; at < size; at += sizeof(inotify_event) + ((inotify_event*)&raw[at])->len)
-        closed += std::string(((inotify_event*)&raw[at])->name) + "|";
-    close(watch);
-    EXPECT_LT(closed.find("ZQCmd9.err|"), closed.find("ZQCmd9.zqfin|")) << closed;
-#endif
+    if (closed.ok()) {  // the error file is complete before the finished file
+        const std::string order = closed.Read();
+        EXPECT_LT(order.find("ZQCmd9.err|"), order.find("ZQCmd9.zqfin|")) << order;
+    }
 }
 
 TEST(Exchange, KeepsPollingWithoutUsableCommDir) {

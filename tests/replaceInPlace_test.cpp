@@ -26,11 +26,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-void Put(const fs::path& p, const std::string& content) {
-    fs::create_directories(p.parent_path());
-    WriteFile(p, content);
-}
-
 void Link(const fs::path& target, const fs::path& at) {
     fs::create_directories(at.parent_path());
     fs::create_symlink(target, at);

@@ -10,6 +10,7 @@
 #include <sys/file.h>
 #include <signal.h>
 #ifdef __linux__
+#include <sys/inotify.h>
 #include <sys/mount.h>
 #endif
 #include <sys/wait.h>
@@ -46,6 +47,42 @@ std::string ReadFile(const fs::path& path) {
 void WriteFile(const fs::path& path, const std::string& content) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << content;
+}
+
+void Put(const fs::path& path, const std::string& content) {
+    fs::create_directories(path.parent_path());
+    WriteFile(path, content);
+}
+
+CloseOrder::CloseOrder(const fs::path& dir) {
+#ifdef __linux__
+    watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (watch >= 0 && inotify_add_watch(watch, dir.c_str(), IN_CLOSE_WRITE) < 0) {
+        close(watch);
+        watch = -1;
+    }
+#else
+    (void)dir;
+#endif
+}
+
+CloseOrder::~CloseOrder() {
+    if (watch >= 0)
+        close(watch);
+}
+
+std::string CloseOrder::Read() {
+    std::string closed;
+#ifdef __linux__
+    alignas(inotify_event) char raw[64 * 1024];
+    const ssize_t size = read(watch, raw, sizeof raw);
+    for (ssize_t at = 0; at < size;) {
+        const auto* event = reinterpret_cast<const inotify_event*>(raw + at);
+        closed += std::string(event->name) + "|";
+        at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+    }
+#endif
+    return closed;
 }
 
 // A log line is "YYYY-MM-DDTHH:MM:SSZ: message"; messages may span lines, so

@@ -30,6 +30,24 @@ private:
 
 std::string ReadFile(const fs::path& path);
 void WriteFile(const fs::path& path, const std::string& content);
+// WriteFile, its folders made first.
+void Put(const fs::path& path, const std::string& content);
+
+// The files closed after writing in `dir` from now on, in order (Linux:
+// inotify; elsewhere nothing is seen): each name followed by "|".
+class CloseOrder {
+public:
+    explicit CloseOrder(const fs::path& dir);
+    ~CloseOrder();
+    CloseOrder(const CloseOrder&) = delete;
+    CloseOrder& operator=(const CloseOrder&) = delete;
+    bool ok() const { return watch >= 0; }
+    // What was closed since, as far as one read brings it.
+    std::string Read();
+
+private:
+    int watch = -1;
+};
 
 // Points the helper's log at a scratch file and resets the whole run state,
 // so that each unit test starts as a freshly started helper.

@@ -31,11 +31,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-void Put(const fs::path& p, const std::string& content) {
-    fs::create_directories(p.parent_path());
-    WriteFile(p, content);
-}
-
 struct stat Lstat(const fs::path& p) {
     struct stat st {};
     lstat(p.c_str(), &st);
