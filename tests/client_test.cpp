@@ -247,14 +247,18 @@ TEST(Client, FailuresAreTheFilesOwnLinesEvenWithCodesSeenBefore) {
     const int code = first.failures[0].code;
     EXPECT_EQ(first.newCodes, std::vector<int>{code});
 
-    // The payload is there for the first copy and gone for the second.
+    // The payload is there for the first copy and gone for the second. A
+    // delFile that succeeds says nothing: the failure after it is still the
+    // line whose text the log names.
     const std::string made = (work / "made").string(), payload = (work / "payload").string();
+    const std::string other = (work / "other").string();
     WriteFile(payload, "data");
+    WriteFile(other, "");
     const std::string second = "progress 5\n  makeDir " + made + "\nmakeDir " + blocked +
                                "\r\nmakeDir " + made + "\nsetRoot " + work.path().string() +
                                "\ncopySrc " + payload + "\ncopyDest x\nexec rm " + payload +
-                               "\n# the same lines again\ncopySrc " + payload +
-                               "\ncopyDest x\n";
+                               "\ndelFile " + other + "\n# the same lines again\ncopySrc " +
+                               payload + "\ncopyDest x\n";
     const zqim::Answer a = helper.Wait(helper.Send(second));
     ASSERT_TRUE(a.finished && a.helperEnded);
     EXPECT_EQ(a.newCodes, std::vector<int>{2003}) << "the makeDir code was seen before";
@@ -264,12 +268,13 @@ TEST(Client, FailuresAreTheFilesOwnLinesEvenWithCodesSeenBefore) {
     EXPECT_EQ(a.failures[0].code, code);
     EXPECT_NE(a.failures[0].message.find("creating dir \"\"" + blocked + "\"\": Error "),
               std::string::npos) << a.failures[0].message;
-    EXPECT_EQ(a.failures[1].line, 11);
+    EXPECT_EQ(a.failures[1].line, 12);
     EXPECT_EQ(a.failures[1].text, "copyDest x");
     EXPECT_EQ(a.failures[1].code, 2003);
     EXPECT_EQ(a.failures[1].message,
               "ZQIMMoveOrCopyFile(move=false) - Error - Source file not found: " + payload);
     EXPECT_EQ(ReadFile(work / "x"), "data");
+    EXPECT_FALSE(fs::exists(other));
 }
 
 // A broken pair is named by its line and what it needed; a file that fails
