@@ -48,11 +48,29 @@ fi
 src=$work/src
 build=$work/build
 # The suite's scratch trees (TMPDIR), emptied after every run: a test that a
-# fault crashed or that ran out of time leaves its files, even its mounts.
+# fault crashed or that ran out of time leaves its files, even its mounts
+# and switches.
 # Its helper as nobody must reach them.
 scratch=$(mktemp -d "${TMPDIR:-/tmp}/zqim-mutants-tmp.XXXXXX")
 chmod 755 "$scratch"
+# Linux's fs.protected_* switches as found: a test stopped while it had
+# them off never restores them.
+switches=()
+for f in /proc/sys/fs/protected_*; do
+  if [ -w "$f" ]; then switches+=("$f=$(cat "$f")"); fi
+done
+# Restored under the lock the tests' own guard takes, so that a test of
+# another run, which has them off meanwhile, is not disturbed.
+restore_switches() {
+  local s lock
+  [ ${#switches[@]} -gt 0 ] || return 0
+  exec {lock}</proc/sys/fs/protected_hardlinks
+  flock "$lock" || true
+  for s in "${switches[@]}"; do echo "${s#*=}" >"${s%%=*}" || true; done
+  exec {lock}<&-
+}
 clear_scratch() {
+  restore_switches
   if [ -r /proc/self/mounts ]; then
     awk -v d="$scratch" 'index($2, d "/") == 1 { print $2 }' /proc/self/mounts | sort -r |
       while IFS= read -r m; do umount -l "$m" || true; done
