@@ -48,7 +48,8 @@ bool ProcessHandleSaysEnded(int handle) {
 
 // ------------------------------------------------------------ wake-ups
 
-// Closing a kqueue takes its knotes down at once.
+// The kqueue is simply closed: Linux's wait for its watch's teardown
+// (wakeup_linux.cpp) has no known counterpart here.
 WakeSource::~WakeSource() = default;
 
 std::error_code WakeSource::WatchDirectory(int dir) {

@@ -231,9 +231,6 @@ TEST(PathTrust, SourceReachedThroughAnotherUsersLinkIsNeitherCopiedNorMoved) {
 // second name there. fixPermsR and fixPerms leave it root's, each with a
 // line of its own and an error counted; single names are handed over.
 TEST(PathTrust, FileWithASecondNameIsNeverHandedOver) {
-#ifndef __linux__
-    GTEST_SKIP() << "fs.protected_hardlinks is Linux's";
-#else
     if (!IsRoot())
         GTEST_SKIP() << "playing another user needs root";
     Scene s;
@@ -264,7 +261,6 @@ TEST(PathTrust, FileWithASecondNameIsNeverHandedOver) {
           "DoFixPerms(single, " + kIds + ") - chown done " + refused})
         EXPECT_TRUE(a.has(m)) << m;
     EXPECT_EQ(a.err, "");
-#endif
 }
 
 namespace {

@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -270,8 +271,15 @@ bool AsNobody(const std::function<bool()>& act) {
 ProtectionsOff::ProtectionsOff(std::vector<std::string> names) {
     // One lock for every switch, on one that every kernel with them has.
     lock = open("/proc/sys/fs/protected_hardlinks", O_RDONLY | O_CLOEXEC);
-    if (lock < 0 || flock(lock, LOCK_EX) != 0)
+    if (lock < 0) {
+        absent = errno == ENOENT;  // macOS: nothing to switch off
         return;
+    }
+    if (flock(lock, LOCK_EX) != 0) {
+        close(lock);
+        lock = -1;
+        return;
+    }
     for (const std::string& name : names) {
         const std::string path = "/proc/sys/fs/protected_" + name;
         const std::string value = ReadFile(path);
@@ -291,7 +299,7 @@ ProtectionsOff::~ProtectionsOff() {
 
 bool ProtectionsOff::ok() const {
     if (lock < 0)
-        return false;
+        return absent;
     for (const auto& [path, value] : saved)
         if (ReadFile(path) != "0\n")
             return false;

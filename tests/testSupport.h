@@ -138,7 +138,7 @@ bool AsNobody(const std::function<bool()>& act);
 // Tests run side by side, in this process or others: each holds one
 // exclusive lock meanwhile, so that none takes another's "off" for the
 // machine's setting and leaves it so. `ok()` is false where a switch cannot
-// be turned (not root, not Linux).
+// be turned (not root); where there are none (macOS), it is true.
 class ProtectionsOff {
 public:
     // The switches by name ("hardlinks", "symlinks", "fifos", "regular").
@@ -151,6 +151,7 @@ public:
 
 private:
     int lock = -1;
+    bool absent = false;  // the system has no such switches
     std::vector<std::pair<std::string, std::string>> saved;  // path, value found
 };
 
